@@ -1,0 +1,55 @@
+#ifndef KEL_IPC_H
+#define KEL_IPC_H
+
+#include "KelIpcDefine.h"
+
+enum KelIpcType : int32_t { Process = 0, Local = 1 };
+
+// Options set before Open. Sizes point to an int (the whole block, ring header included); a semaphore
+// option is the caller's KelSystemSemaphore (Process) or KelSemaphore (Local), or null for the channel's
+// own; the NonBlock options make that direction's Read and Write of this end non-blocking.
+enum KelIpcOptionName : int32_t { LBufferSize = 0, RBufferSize, LSemaphore, RSemaphore, LNonBlock, RNonBlock };
+
+class KelIpcSocketPrivate;
+
+// One end of a duplex byte stream. Two sockets opened with the same name and opposite sides form a
+// connection: across processes (Process) or between threads of one process (Local). The server opens
+// first. The L direction carries what the client writes, the R direction what the server writes.
+class KELIPC_API KelIpcSocket {
+public:
+    KelIpcSocket();
+    ~KelIpcSocket();  // closes as Close does; no transfer may still be running
+    KelIpcSocket(const KelIpcSocket&) = delete;
+    KelIpcSocket& operator=(const KelIpcSocket&) = delete;
+
+    bool Opened();
+    // Before Open only: IPC_ERR_OPENED, IPC_ERR_PARAM or IPC_ERR_NULL otherwise.
+    int SetOption(KelIpcOptionName name, void* value);
+    // IPC_OK, or the code of the step that failed; a failed open leaves nothing behind.
+    int Open(KelIpcType type, KelSide side, const char* name, const KelSecurity* security);
+
+    // Write follows the direction's mode; BlockWrite always waits until all bytes have passed;
+    // NonBlockWrite passes all or nothing at once. Results: the byte count, 0 (nothing passed), or a code.
+    int Write(const char* data, int length);
+    int BlockWrite(const char* data, int length);
+    int NonBlockWrite(const char* data, int length);
+    int Read(char* buffer, int length);
+    int BlockRead(char* buffer, int length);
+    int NonBlockRead(char* buffer, int length);
+
+    int DataSize();   // bytes waiting in the direction this end reads
+    int SpaceSize();  // bytes that fit now into the direction this end writes
+    bool Running();   // both directions running
+    // Start and Reset empty both directions; Stop ends every transfer of both ends with
+    // IPC_ERR_NOT_OPENED until either end calls Start. Channel failures are logged, not returned.
+    int Start();
+    int Stop();
+    int Reset();
+    // Stops the rings still running and releases this end's objects. IPC_ERR_NOT_OPENED when closed.
+    int Close();
+
+private:
+    KelIpcSocketPrivate* m_private;
+};
+
+#endif  // KEL_IPC_H

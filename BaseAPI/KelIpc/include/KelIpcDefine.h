@@ -1,0 +1,28 @@
+#ifndef KEL_IPC_DEFINE_H
+#define KEL_IPC_DEFINE_H
+
+#include <cstdint>
+
+#define KELIPC_API __attribute__((visibility("default")))
+
+// Result codes: 0 (or a non-negative byte count for transfers) on success, one of these on failure.
+constexpr int IPC_OK = 0;
+constexpr int IPC_ERR_FAILED = -10000;     // a system call or a lower step failed
+constexpr int IPC_ERR_NULL = -9999;        // a required pointer is null, or a count/size below 1
+constexpr int IPC_ERR_PARAM = -9998;       // an argument out of range
+constexpr int IPC_ERR_OPENED = -9997;      // already open, or the name is already registered
+constexpr int IPC_ERR_NOT_OPENED = -9996;  // not open, not attached, not running, or no peer
+
+// Server creates and initialises the shared objects; Client attaches to them.
+enum KelSide : int32_t { Server = 0, Client = 1 };
+
+// Only Block makes a ring's Read and Write wait; any other value behaves as NonBlock.
+enum KelMode : int32_t { NonBlock = 0, Block = 1 };
+
+// Permissions for the objects an Open creates. Only mode (owner, group and others bits) is read;
+// a null KelSecurity pointer means octal 0660.
+struct KelSecurity {
+    int32_t mode;
+};
+
+#endif  // KEL_IPC_DEFINE_H

@@ -1,0 +1,37 @@
+#ifndef KEL_SEMAPHORE_H
+#define KEL_SEMAPHORE_H
+
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+// Process-local counting semaphore, the wake-up object of an in-process ring. Releases accumulate.
+class KelSemaphore {
+public:
+    KelSemaphore() : m_count(0) {}
+    KelSemaphore(const KelSemaphore&) = delete;
+    KelSemaphore& operator=(const KelSemaphore&) = delete;
+
+    // Waits, without a time limit, until the count is above 0, then lowers it by one.
+    void Acquire() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        while (m_count == 0) {
+            m_cond.wait(lock);
+        }
+        --m_count;
+    }
+
+    // Raises the count by one and wakes one waiter; never blocks.
+    void Release() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_count;
+        m_cond.notify_one();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_cond;
+    uint32_t m_count;
+};
+
+#endif  // KEL_SEMAPHORE_H

@@ -1,0 +1,170 @@
+#include "TestSupport.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <mutex>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace kt {
+namespace {
+
+std::mutex g_namesMutex;
+std::vector<std::string> g_names;
+
+const char* const kSuffixes[] = {"", "_XL", "_XR", "_OL", "_OR"};
+
+void RemoveAllFor(const std::string& base) {
+    for (const char* suffix : kSuffixes) {
+        RemoveShm(base + suffix + "_shm");
+        RemoveSem(base + suffix + "_ssm");
+        RemoveShm(base + suffix);
+        RemoveSem(base + suffix);
+    }
+}
+
+// Removes what a test made even when it failed half-way; children leave through _exit and skip this.
+class CleanupEnvironment : public testing::Environment {
+public:
+    void TearDown() override {
+        std::lock_guard<std::mutex> lock(g_namesMutex);
+        for (const std::string& base : g_names) RemoveAllFor(base);
+        g_names.clear();
+    }
+};
+
+const testing::Environment* const g_cleanup = testing::AddGlobalTestEnvironment(new CleanupEnvironment);
+
+}  // namespace
+
+std::string UniqueName(const char* tag) {
+    static std::atomic<int> counter{0};
+    std::string name = "kt" + std::to_string(getpid()) + "_" + std::to_string(counter++) + "_" + tag;
+    std::lock_guard<std::mutex> lock(g_namesMutex);
+    g_names.push_back(name);
+    return name;
+}
+
+struct LogCapture::State {
+    mutable std::mutex mutex;
+    std::vector<KelLogRecord> records;
+};
+
+LogCapture::LogCapture() : m_state(new State) {
+    State* state = m_state;
+    KelLogger::GetInstance()->SetSink([state](const KelLogRecord& record) {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        state->records.push_back(record);
+    });
+}
+
+LogCapture::~LogCapture() {
+    KelLogger::GetInstance()->SetSink(nullptr);
+    delete m_state;
+}
+
+std::vector<KelLogRecord> LogCapture::Records() const {
+    std::lock_guard<std::mutex> lock(m_state->mutex);
+    return m_state->records;
+}
+
+std::vector<std::string> LogCapture::Messages() const {
+    std::vector<std::string> messages;
+    for (const KelLogRecord& record : Records()) messages.push_back(record.message);
+    return messages;
+}
+
+size_t LogCapture::Count(const std::string& message) const {
+    size_t n = 0;
+    for (const KelLogRecord& record : Records()) n += record.message == message ? 1 : 0;
+    return n;
+}
+
+Child::Child(const std::function<int()>& fn) : m_pid(fork()) {
+    if (m_pid == 0) {
+        int code = 99;
+        try {
+            code = fn();
+        } catch (...) {
+            code = 98;
+        }
+        _exit(code);
+    }
+}
+
+Child::~Child() {
+    if (m_pid > 0) Kill();
+}
+
+void Child::Kill() {
+    if (m_pid <= 0) return;
+    kill(m_pid, SIGKILL);
+    int status = 0;
+    while (waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    m_pid = -1;
+}
+
+int Child::Wait(int timeoutMs) {
+    if (m_pid <= 0) return -1;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        int status = 0;
+        pid_t done = waitpid(m_pid, &status, WNOHANG);
+        if (done == m_pid) {
+            m_pid = -1;
+            return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        }
+        if (std::chrono::steady_clock::now() > deadline) {
+            Kill();
+            return -1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+int RunInChild(const std::function<int()>& fn, int timeoutMs) {
+    Child child(fn);
+    return child.Wait(timeoutMs);
+}
+
+bool ShmExists(const std::string& name) {
+    struct stat st;
+    return stat(("/dev/shm/" + (name[0] == '/' ? name.substr(1) : name)).c_str(), &st) == 0;
+}
+
+int32_t Djb2Key(const std::string& name) {
+    uint32_t hash = 5381;
+    for (char c : name) hash = hash * 33u + static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(c)));
+    return static_cast<int32_t>(hash);
+}
+
+bool SemExists(const std::string& name) { return semget(Djb2Key(name), 1, 0) != -1; }
+
+void RemoveShm(const std::string& name) { shm_unlink(name.c_str()); }
+
+void RemoveSem(const std::string& name) {
+    int id = semget(Djb2Key(name), 1, 0);
+    if (id != -1) semctl(id, 0, IPC_RMID);
+}
+
+bool WaitUntil(const std::function<bool()>& pred, int timeoutMs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+}  // namespace kt

@@ -1,0 +1,73 @@
+#ifndef KEL_IPC_TEST_SUPPORT_H
+#define KEL_IPC_TEST_SUPPORT_H
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <future>
+#include <string>
+#include <vector>
+
+#include "KelLogger.h"
+
+namespace kt {
+
+// A name no other test or run uses: process id plus a counter. Every operating-system object derived
+// from it (any "_shm" segment, any "_ssm" semaphore of the usual channel suffixes) is removed when the
+// test ends, also when it fails.
+std::string UniqueName(const char* tag);
+
+// Collects the logger's records while alive; restores the default sink afterwards.
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    std::vector<KelLogRecord> Records() const;
+    std::vector<std::string> Messages() const;
+    size_t Count(const std::string& message) const;
+
+private:
+    struct State;
+    State* m_state;
+};
+
+// A forked copy of the test process running fn; its result becomes the exit code.
+class Child {
+public:
+    explicit Child(const std::function<int()>& fn);
+    ~Child();  // kills and reaps a child still running
+    // The exit code, or -1 when the child did not end within timeoutMs (it is then killed) or died.
+    int Wait(int timeoutMs);
+    void Kill();
+    pid_t Pid() const { return m_pid; }
+
+private:
+    pid_t m_pid;
+};
+
+// Runs fn in a child and waits for it; -1 on a timeout or abnormal end.
+int RunInChild(const std::function<int()>& fn, int timeoutMs = 20000);
+
+bool ShmExists(const std::string& name);
+int32_t Djb2Key(const std::string& name);
+bool SemExists(const std::string& name);
+void RemoveShm(const std::string& name);
+void RemoveSem(const std::string& name);
+
+// Polls pred every millisecond until it holds or timeoutMs passes.
+bool WaitUntil(const std::function<bool()>& pred, int timeoutMs);
+
+// Waits for a future with a bound; true when it became ready.
+template <typename T>
+bool Ready(std::future<T>& future, int timeoutMs) {
+    return future.wait_for(std::chrono::milliseconds(timeoutMs)) == std::future_status::ready;
+}
+
+// Deterministic test bytes: the byte at stream offset i.
+inline char PatternByte(uint64_t i) { return static_cast<char>((i * 131u + (i >> 8) * 7u + 17u) & 0xffu); }
+
+}  // namespace kt
+
+#endif  // KEL_IPC_TEST_SUPPORT_H
