@@ -76,9 +76,9 @@ public:
     int Write(const char* data, int count);
     int Read(char* buffer, int count);
 
-    int DataSize();   // bytes stored; 0 when not running
-    int SpaceSize();  // bytes that fit now; 0 when not running
-    bool Running();   // attached, initialised and running
+    int DataSize();             // bytes stored; 0 when not running
+    int SpaceSize();            // bytes that fit now; 0 when not running
+    bool Running();             // attached, initialised and running
     KelCBHead* KelCBHeadPtr();  // null before the first attach
 
     int SemAcquire();

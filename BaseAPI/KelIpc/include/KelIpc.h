@@ -8,7 +8,14 @@ enum KelIpcType : int32_t { Process = 0, Local = 1 };
 // Options set before Open. Sizes point to an int (the whole block, ring header included); a semaphore
 // option is the caller's KelSystemSemaphore (Process) or KelSemaphore (Local), or null for the channel's
 // own; the NonBlock options make that direction's Read and Write of this end non-blocking.
-enum KelIpcOptionName : int32_t { LBufferSize = 0, RBufferSize, LSemaphore, RSemaphore, LNonBlock, RNonBlock };
+enum KelIpcOptionName : int32_t {
+    LBufferSize = 0,
+    RBufferSize,
+    LSemaphore,
+    RSemaphore,
+    LNonBlock,
+    RNonBlock
+};
 
 class KelIpcSocketPrivate;
 

@@ -4,7 +4,12 @@
 #include "KelIpcDefine.h"
 
 // Arguments of CreateSecurityDescriptor; the library gives them no meaning.
-enum PermissionFlags : int32_t { PermissionDefault = 0, PermissionOwner = 1, PermissionGroup = 2, PermissionAll = 3 };
+enum PermissionFlags : int32_t {
+    PermissionDefault = 0,
+    PermissionOwner = 1,
+    PermissionGroup = 2,
+    PermissionAll = 3
+};
 enum SecurityFdType : int32_t { SecurityFdShareMemory = 0, SecurityFdSemaphore = 1 };
 
 // Returns null for every argument pair, so an Open given its result uses the default mode 0660.

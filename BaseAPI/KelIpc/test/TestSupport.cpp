@@ -3,9 +3,9 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/ipc.h>
+#include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -145,13 +145,18 @@ bool ShmExists(const std::string& name) {
 
 int32_t Djb2Key(const std::string& name) {
     uint32_t hash = 5381;
-    for (char c : name) hash = hash * 33u + static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(c)));
+    for (char c : name)
+        hash = hash * 33u + static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(c)));
     return static_cast<int32_t>(hash);
 }
 
-bool SemExists(const std::string& name) { return semget(Djb2Key(name), 1, 0) != -1; }
+bool SemExists(const std::string& name) {
+    return semget(Djb2Key(name), 1, 0) != -1;
+}
 
-void RemoveShm(const std::string& name) { shm_unlink(name.c_str()); }
+void RemoveShm(const std::string& name) {
+    shm_unlink(name.c_str());
+}
 
 void RemoveSem(const std::string& name) {
     int id = semget(Djb2Key(name), 1, 0);

@@ -66,7 +66,9 @@ bool Ready(std::future<T>& future, int timeoutMs) {
 }
 
 // Deterministic test bytes: the byte at stream offset i.
-inline char PatternByte(uint64_t i) { return static_cast<char>((i * 131u + (i >> 8) * 7u + 17u) & 0xffu); }
+inline char PatternByte(uint64_t i) {
+    return static_cast<char>((i * 131u + (i >> 8) * 7u + 17u) & 0xffu);
+}
 
 }  // namespace kt
 

@@ -11,11 +11,11 @@
 enum LogLevel : int32_t { KEL_LOG_TRACE = 0, KEL_LOG_ERROR = 1, KEL_LOG_WARNING = 2, KEL_LOG_INFO = 3 };
 
 struct KelLogRecord {
-    std::string file;      // the source path the caller passed
+    std::string file;  // the source path the caller passed
     int line;
     std::string function;  // the function name the caller passed
     int32_t level;
-    std::string message;   // the formatted message
+    std::string message;  // the formatted message
 };
 
 // Process-wide logger. Log and SetSink may be called from any thread; records reach the sink one at a

@@ -1,0 +1,375 @@
+#include "KelCycleBuffer.h"
+
+#include <atomic>
+#include <cerrno>
+#include <mutex>
+
+#include "KelDateTime.h"
+#include "KelIpcLog.h"
+#include "KelSecureMem.h"
+#include "KelSemaphore.h"
+#include "KelSystemSemaphore.h"
+
+namespace {
+
+const char kLogPath[] = "BaseAPI/KelIpc/src/KelCycleBuffer/KelCycleBuffer";
+constexpr int kHeadLength = static_cast<int>(sizeof(KelCBHead));
+constexpr int kMinBlockLength = 32768;
+constexpr int kChunkDivisor = 50;
+constexpr int kMinChunk = 2;
+constexpr int kWriterPauseMs = 1;
+constexpr int kStopPauseMs = 10;
+constexpr int kStopChecks = 10;
+constexpr size_t kGcmLength = sizeof(KelCBHead::gcmData);
+
+// The header words are shared with another thread or process, so every access is atomic. A side loads
+// the peer's position with acquire (the peer's copies are complete before it published the position)
+// and publishes its own with release (our copies are complete before the peer sees it).
+inline int32_t LoadRelaxed(const int32_t& word) {
+    return __atomic_load_n(&word, __ATOMIC_RELAXED);
+}
+inline int32_t LoadAcquire(const int32_t& word) {
+    return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
+}
+inline void StoreRelease(int32_t& word, int32_t value) {
+    __atomic_store_n(&word, value, __ATOMIC_RELEASE);
+}
+
+// Bytes stored for data length len (at least 1) and positions w, r; formed in 64 bits so that a
+// corrupt header cannot overflow it.
+inline int32_t Used(int32_t len, int32_t w, int32_t r) {
+    return static_cast<int32_t>((static_cast<int64_t>(w) + len - r) % len);
+}
+
+// Any position or data length outside the block this object attached would make a copy stray outside
+// it: such a header is refused before any byte moves. A well-formed header always passes.
+inline bool InBlock(int32_t len, int32_t areaLength, int32_t pos) {
+    return len >= 1 && len <= areaLength && pos >= 0 && pos < len;
+}
+
+inline bool Copy(char* dest, int64_t count, const char* src) {
+    // A negative count converts to a size above the copy's limit and is refused there.
+    return kel::memcpy_s(dest, static_cast<size_t>(count), src, static_cast<size_t>(count)) == 0;
+}
+
+}  // namespace
+
+class KelCycleBufferPrivate {
+public:
+    char* m_buffer = nullptr;
+    KelCBHead* m_head = nullptr;
+    KelSemaphore* m_localSem = nullptr;
+    KelSystemSemaphore* m_systemSem = nullptr;
+    int32_t m_chunkSize = 0;
+    KelMode m_mode = static_cast<KelMode>(-1);
+    KelSide m_side = static_cast<KelSide>(-1);
+    int32_t m_areaLength = 0;  // data area of the block given to the last accepted attach
+    std::atomic<bool> m_writing{false};
+    std::atomic<bool> m_reading{false};
+    std::mutex m_attachMutex;
+    std::mutex m_readMutex;
+    std::mutex m_writeMutex;
+
+    bool IsRunning() const { return m_head != nullptr && LoadAcquire(m_head->running) != 0; }
+    // Attached to a block that a server has initialised; the run flag does not matter.
+    bool Initialised() const { return m_head != nullptr && LoadRelaxed(m_head->dataLen) >= 1; }
+};
+
+KelCycleBuffer::KelCycleBuffer() : m_private(new KelCycleBufferPrivate) {}
+
+KelCycleBuffer::~KelCycleBuffer() {
+    delete m_private;
+}
+
+int KelCycleBuffer::Attach(char* block, int length, KelSide side, KelMode mode) {
+    KelCycleBufferPrivate& p = *m_private;
+    std::lock_guard<std::mutex> lock(p.m_attachMutex);
+    if (block == nullptr || length < kMinBlockLength) return IPC_ERR_PARAM;
+    // An unknown side would leave a half-attached object behind; refuse it like a short block.
+    if (side != Server && side != Client) return IPC_ERR_PARAM;
+    p.m_side = side;
+    p.m_mode = mode;
+    p.m_chunkSize = length / kChunkDivisor < kMinChunk ? kMinChunk : length / kChunkDivisor;
+    if (side == Server) {
+        if (kel::memset_s(block, static_cast<size_t>(length), 0, static_cast<size_t>(length)) != 0) {
+            return IPC_ERR_FAILED;
+        }
+        p.m_head = reinterpret_cast<KelCBHead*>(block);
+        p.m_areaLength = length - kHeadLength;
+        __atomic_store_n(&p.m_head->dataLen, length - kHeadLength, __ATOMIC_RELEASE);
+        Start();
+        p.m_buffer = block + kHeadLength;
+        return IPC_OK;
+    }
+    p.m_head = reinterpret_cast<KelCBHead*>(block);
+    p.m_buffer = block + kHeadLength;
+    p.m_areaLength = length - kHeadLength;
+    return IPC_OK;
+}
+
+int KelCycleBuffer::AttachIpc(char* block, int length, KelSide side, KelMode mode, KelSystemSemaphore* sem) {
+    m_private->m_systemSem = sem;
+    m_private->m_side = side;
+    return Attach(block, length, side, mode);
+}
+
+int KelCycleBuffer::AttachLocal(char* block, int length, KelSide side, KelMode mode, KelSemaphore* sem) {
+    m_private->m_localSem = sem;
+    m_private->m_side = side;
+    return Attach(block, length, side, mode);
+}
+
+int KelCycleBuffer::NonblockWrite(const char* data, int count) {
+    KelCycleBufferPrivate& p = *m_private;
+    KelCBHead* head = p.m_head;
+    if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
+    const int32_t len = LoadRelaxed(head->dataLen);
+    const int32_t w = LoadRelaxed(head->writePos);  // our own word
+    const int32_t r = LoadAcquire(head->readPos);
+    if (len < 1 || len - 1 - Used(len, w, r) < count) return 0;
+    if (!InBlock(len, p.m_areaLength, w) || !InBlock(len, p.m_areaLength, r)) return IPC_ERR_FAILED;
+    const int64_t end = static_cast<int64_t>(w) + count;
+    if (end > len) {
+        const int32_t first = len - w;
+        if (!Copy(p.m_buffer + w, first, data)) return IPC_ERR_FAILED;
+        if (!Copy(p.m_buffer, end - len, data + first)) return IPC_ERR_FAILED;
+    } else if (!Copy(p.m_buffer + w, count, data)) {
+        return IPC_ERR_FAILED;
+    }
+    StoreRelease(head->writePos, static_cast<int32_t>(end % len));
+    return count;
+}
+
+int KelCycleBuffer::NonblockRead(char* buffer, int count) {
+    KelCycleBufferPrivate& p = *m_private;
+    KelCBHead* head = p.m_head;
+    if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
+    const int32_t len = LoadRelaxed(head->dataLen);
+    const int32_t r = LoadRelaxed(head->readPos);  // our own word
+    const int32_t w = LoadAcquire(head->writePos);
+    if (len < 1 || Used(len, w, r) < count) return 0;
+    if (count < 0) return IPC_ERR_FAILED;
+    if (!InBlock(len, p.m_areaLength, w) || !InBlock(len, p.m_areaLength, r)) return IPC_ERR_FAILED;
+    const int64_t end = static_cast<int64_t>(r) + count;
+    if (end > len) {
+        const int32_t first = len - r;
+        if (!Copy(buffer, first, p.m_buffer + r)) return IPC_ERR_FAILED;
+        if (!Copy(buffer + first, end - len, p.m_buffer)) return IPC_ERR_FAILED;
+    } else if (!Copy(buffer, count, p.m_buffer + r)) {
+        return IPC_ERR_FAILED;
+    }
+    StoreRelease(head->readPos, static_cast<int32_t>(end % len));
+    return count;
+}
+
+int KelCycleBuffer::DataSize() {
+    KelCycleBufferPrivate& p = *m_private;
+    if (!p.IsRunning()) return 0;
+    const int32_t len = LoadRelaxed(p.m_head->dataLen);
+    if (len < 1) return 0;
+    return Used(len, LoadAcquire(p.m_head->writePos), LoadAcquire(p.m_head->readPos));
+}
+
+int KelCycleBuffer::SpaceSize() {
+    KelCycleBufferPrivate& p = *m_private;
+    if (!p.IsRunning()) return 0;
+    const int32_t len = LoadRelaxed(p.m_head->dataLen);
+    if (len < 1) return 0;
+    return len - 1 - Used(len, LoadAcquire(p.m_head->writePos), LoadAcquire(p.m_head->readPos));
+}
+
+bool KelCycleBuffer::Running() {
+    return m_private->Initialised() && m_private->IsRunning();
+}
+
+KelCBHead* KelCycleBuffer::KelCBHeadPtr() {
+    return m_private->m_head;
+}
+
+int KelCycleBuffer::SemAcquire() {
+    KelCycleBufferPrivate& p = *m_private;
+    if (p.m_localSem != nullptr) {
+        p.m_localSem->Acquire();
+        if (p.m_systemSem == nullptr) return IPC_OK;
+    } else if (p.m_systemSem == nullptr) {
+        return IPC_ERR_NOT_OPENED;
+    }
+    if (p.m_systemSem->Acquire() == IPC_OK) return IPC_OK;
+    // An interrupted wait counts as a wake-up: the caller tests the ring again.
+    return errno == EINTR || errno == EAGAIN ? IPC_OK : IPC_ERR_FAILED;
+}
+
+int KelCycleBuffer::SemRelease() {
+    KelCycleBufferPrivate& p = *m_private;
+    if (p.m_localSem == nullptr && p.m_systemSem == nullptr) return IPC_ERR_NOT_OPENED;
+    if (p.m_localSem != nullptr) p.m_localSem->Release();
+    if (p.m_systemSem != nullptr) p.m_systemSem->Release();
+    return IPC_OK;
+}
+
+int KelCycleBuffer::BlockWrite(const char* data, int count) {
+    KelCycleBufferPrivate& p = *m_private;
+    if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
+    if (count == 0) return 0;
+    if (count < 0) return IPC_ERR_FAILED;
+    int piece = count < p.m_chunkSize ? count : p.m_chunkSize;
+    int moved = 0;
+    int left = count;
+    for (;;) {
+        const int space = SpaceSize();
+        if (space < 0 || !Running()) return IPC_ERR_NOT_OPENED;
+        if (piece > space) {
+            // No second semaphore for room: pause, and signal so that a sleeping reader drains the ring.
+            KelSleep(kWriterPauseMs);
+            const int rc = SemRelease();
+            if (rc != IPC_OK) return rc;
+        } else {
+            const int rc = NonblockWrite(data + moved, piece);
+            if (rc != piece) return rc;
+            moved += piece;
+            left -= piece;
+            const int released = SemRelease();
+            if (released != IPC_OK) return released;
+            if (left <= 0) return moved == count ? moved : IPC_ERR_FAILED;
+        }
+        piece = left < p.m_chunkSize ? left : p.m_chunkSize;
+        if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
+    }
+}
+
+int KelCycleBuffer::BlockRead(char* buffer, int count) {
+    KelCycleBufferPrivate& p = *m_private;
+    if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
+    if (count == 0) return 0;
+    if (count < 0) return IPC_ERR_FAILED;
+    int piece = count < p.m_chunkSize ? count : p.m_chunkSize;
+    int moved = 0;
+    int left = count;
+    for (;;) {
+        const int stored = DataSize();
+        if (stored < 0 || !Running()) return IPC_ERR_NOT_OPENED;
+        if (stored < piece) {
+            const int rc = SemAcquire();
+            if (rc != IPC_OK) return rc;
+        } else {
+            const int rc = NonblockRead(buffer + moved, piece);
+            if (rc != piece) return rc;
+            left -= piece;
+            moved += piece;
+            if (left <= 0) return moved == count ? moved : IPC_ERR_FAILED;
+        }
+        piece = left < p.m_chunkSize ? left : p.m_chunkSize;
+        if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
+    }
+}
+
+int KelCycleBuffer::Write(const char* data, int count) {
+    KelCycleBufferPrivate& p = *m_private;
+    std::lock_guard<std::mutex> lock(p.m_writeMutex);
+    if (data == nullptr || count < 1) return IPC_ERR_NULL;
+    if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
+    p.m_writing.store(true, std::memory_order_relaxed);
+    const int rc = p.m_mode == Block ? BlockWrite(data, count) : NonblockWrite(data, count);
+    // Release: Stop, seeing the flag clear, may let the owner tear the block down.
+    p.m_writing.store(false, std::memory_order_release);
+    return rc;
+}
+
+int KelCycleBuffer::Read(char* buffer, int count) {
+    KelCycleBufferPrivate& p = *m_private;
+    std::lock_guard<std::mutex> lock(p.m_readMutex);
+    if (buffer == nullptr || count < 1) return IPC_ERR_NULL;
+    if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
+    p.m_reading.store(true, std::memory_order_relaxed);
+    const int rc = p.m_mode == Block ? BlockRead(buffer, count) : NonblockRead(buffer, count);
+    p.m_reading.store(false, std::memory_order_release);
+    return rc;
+}
+
+int KelCycleBuffer::Reset() {
+    KelCycleBufferPrivate& p = *m_private;
+    if (!p.Initialised()) return IPC_ERR_NOT_OPENED;
+    StoreRelease(p.m_head->writePos, 0);
+    StoreRelease(p.m_head->readPos, 0);
+    return IPC_OK;
+}
+
+int KelCycleBuffer::Start() {
+    KelCycleBufferPrivate& p = *m_private;
+    if (p.m_head == nullptr) return IPC_ERR_NOT_OPENED;
+    Reset();
+    // Release: a side that sees the ring running also sees the emptied positions.
+    StoreRelease(p.m_head->running, 1);
+    return IPC_OK;
+}
+
+int KelCycleBuffer::Stop() {
+    KelCycleBufferPrivate& p = *m_private;
+    if (p.m_head == nullptr) return IPC_ERR_NOT_OPENED;
+    StoreRelease(p.m_head->running, 0);
+    SemRelease();
+    Reset();
+    for (int check = 0; check < kStopChecks; ++check) {
+        KelSleep(kStopPauseMs);
+        // Signal again: a reader may have gone back to sleep between the flag and its wait.
+        SemRelease();
+        if (!p.m_writing.load(std::memory_order_acquire) && !p.m_reading.load(std::memory_order_acquire)) {
+            return IPC_OK;
+        }
+    }
+    KEL_IPC_LOG(kLogPath, "Stop", "Not Exit:%d,%d", p.m_writing.load() ? 1 : 0, p.m_reading.load() ? 1 : 0);
+    return IPC_ERR_FAILED;
+}
+
+int KelCycleBuffer::EraseGcmData() {
+    if (!m_private->Initialised()) return IPC_ERR_FAILED;
+    kel::memset_s(m_private->m_head->gcmData, kGcmLength, 0, kGcmLength);
+    return IPC_OK;
+}
+
+int KelCycleBuffer::SetGcmData(const char* data, int length) {
+    if (!m_private->Initialised()) return IPC_ERR_NOT_OPENED;
+    if (length != static_cast<int>(kGcmLength)) return IPC_ERR_FAILED;
+    // A rejected copy clears the stored block.
+    return kel::memcpy_s(m_private->m_head->gcmData, kGcmLength, data, kGcmLength) == 0 ? IPC_OK
+                                                                                        : IPC_ERR_FAILED;
+}
+
+int KelCycleBuffer::GetGcmData(char* buffer, int length) {
+    if (!m_private->Initialised()) return IPC_ERR_NOT_OPENED;
+    if (length != static_cast<int>(kGcmLength)) return IPC_ERR_FAILED;
+    return kel::memcpy_s(buffer, kGcmLength, m_private->m_head->gcmData, kGcmLength) == 0 ? IPC_OK
+                                                                                          : IPC_ERR_FAILED;
+}
+
+int KelCycleBuffer::ResetWyTransCounter() {
+    if (!m_private->Initialised()) return IPC_ERR_FAILED;
+    __atomic_store_n(&m_private->m_head->transTotal, 0, __ATOMIC_RELAXED);
+    __atomic_store_n(&m_private->m_head->transLast, 0, __ATOMIC_RELAXED);
+    return IPC_OK;
+}
+
+int KelCycleBuffer::SetWyTransCounter(uint64_t added, uint64_t latest) {
+    if (!m_private->Initialised()) return IPC_ERR_FAILED;
+    __atomic_fetch_add(&m_private->m_head->transTotal, added, __ATOMIC_RELAXED);
+    __atomic_store_n(&m_private->m_head->transLast, latest, __ATOMIC_RELAXED);
+    return IPC_OK;
+}
+
+int KelCycleBuffer::GetWyTransCounter(uint64_t& total, uint64_t& latest) {
+    total = 0;
+    latest = 0;
+    if (!m_private->Initialised()) return IPC_ERR_FAILED;
+    total = __atomic_load_n(&m_private->m_head->transTotal, __ATOMIC_RELAXED);
+    latest = __atomic_load_n(&m_private->m_head->transLast, __ATOMIC_RELAXED);
+    return IPC_OK;
+}
+
+int KelCycleBuffer::GetIpcStatus(KelIpcStatus& status) {
+    if (!m_private->Initialised()) {
+        kel::memset_s(&status, sizeof(status), 0, sizeof(status));
+        return IPC_ERR_FAILED;
+    }
+    kel::memcpy_s(&status, sizeof(status), &m_private->m_head->ipcStatus, sizeof(status));
+    return IPC_OK;
+}

@@ -1,0 +1,106 @@
+#include "KelIpc.h"
+
+#include "KelIpcSocketPrivate.h"
+
+KelIpcSocket::KelIpcSocket() : m_private(new KelIpcSocketPrivate) {}
+
+KelIpcSocket::~KelIpcSocket() {
+    m_private->CleanResource();
+    delete m_private;
+}
+
+bool KelIpcSocket::Opened() {
+    return m_private->Opened();
+}
+
+int KelIpcSocket::SetOption(KelIpcOptionName name, void* value) {
+    return m_private->SetOption(name, value);
+}
+
+int KelIpcSocket::Open(KelIpcType type, KelSide side, const char* name, const KelSecurity* security) {
+    if (name == nullptr) return IPC_ERR_NULL;
+    if ((type != Process && type != Local) || (side != Server && side != Client)) return IPC_ERR_PARAM;
+    if (m_private->Opened()) return IPC_ERR_OPENED;
+    return type == Process ? m_private->OpenIpc(side, name, security) : m_private->OpenLocal(side, name);
+}
+
+namespace {
+
+// One test of the channels and the side, then one call into the ring of the chosen direction.
+template <typename Buffer>
+int Transfer(KelIpcSocketPrivate* socket, KelIpcSocketPrivate::Direction direction,
+             int (KelChannelRing::*op)(Buffer, int), Buffer buffer, int length) {
+    KelChannelRing* ring = nullptr;
+    const int rc = socket->Select(direction, ring);
+    return rc != IPC_OK ? rc : (ring->*op)(buffer, length);
+}
+
+int Size(KelIpcSocketPrivate* socket, KelIpcSocketPrivate::Direction direction, int (KelChannelRing::*op)()) {
+    KelChannelRing* ring = nullptr;
+    const int rc = socket->Select(direction, ring);
+    return rc != IPC_OK ? rc : (ring->*op)();
+}
+
+}  // namespace
+
+int KelIpcSocket::Write(const char* data, int length) {
+    return Transfer(m_private, KelIpcSocketPrivate::kWrite, &KelChannelRing::Write, data, length);
+}
+
+int KelIpcSocket::BlockWrite(const char* data, int length) {
+    return Transfer(m_private, KelIpcSocketPrivate::kWrite, &KelChannelRing::BlockWrite, data, length);
+}
+
+int KelIpcSocket::NonBlockWrite(const char* data, int length) {
+    return Transfer(m_private, KelIpcSocketPrivate::kWrite, &KelChannelRing::NonBlockWrite, data, length);
+}
+
+int KelIpcSocket::Read(char* buffer, int length) {
+    return Transfer(m_private, KelIpcSocketPrivate::kRead, &KelChannelRing::Read, buffer, length);
+}
+
+int KelIpcSocket::BlockRead(char* buffer, int length) {
+    return Transfer(m_private, KelIpcSocketPrivate::kRead, &KelChannelRing::BlockRead, buffer, length);
+}
+
+int KelIpcSocket::NonBlockRead(char* buffer, int length) {
+    return Transfer(m_private, KelIpcSocketPrivate::kRead, &KelChannelRing::NonBlockRead, buffer, length);
+}
+
+int KelIpcSocket::DataSize() {
+    return Size(m_private, KelIpcSocketPrivate::kRead, &KelChannelRing::DataSize);
+}
+
+int KelIpcSocket::SpaceSize() {
+    return Size(m_private, KelIpcSocketPrivate::kWrite, &KelChannelRing::SpaceSize);
+}
+
+bool KelIpcSocket::Running() {
+    return m_private->Running();
+}
+
+int KelIpcSocket::Start() {
+    if (!m_private->Opened()) return IPC_ERR_NOT_OPENED;
+    m_private->ForEachChannel(&KelChannelRing::Start, "Start");
+    return IPC_OK;
+}
+
+int KelIpcSocket::Reset() {
+    if (!m_private->Opened()) return IPC_ERR_NOT_OPENED;
+    m_private->ForEachChannel(&KelChannelRing::Reset, "Reset");
+    return IPC_OK;
+}
+
+int KelIpcSocket::Stop() {
+    std::lock_guard<std::mutex> lock(m_private->m_mutex);
+    if (!m_private->Opened()) return IPC_ERR_NOT_OPENED;
+    m_private->ForEachChannel(&KelChannelRing::Stop, "Stop");
+    return IPC_OK;
+}
+
+int KelIpcSocket::Close() {
+    std::lock_guard<std::mutex> lock(m_private->m_mutex);
+    if (!m_private->Opened()) return IPC_ERR_NOT_OPENED;
+    m_private->CleanResource();
+    return IPC_OK;
+}

@@ -1,0 +1,120 @@
+#include "KelIpcSocketPrivate.h"
+
+#include <string>
+
+#include "KelIpcLog.h"
+
+namespace {
+const char kLogPath[] = "BaseAPI/KelIpc/src/KelIpc/KelIpcSocketPrivate";
+const char kSocketLogPath[] = "BaseAPI/KelIpc/src/KelIpc/KelIpc";
+}  // namespace
+
+int KelIpcSocketPrivate::SetOption(KelIpcOptionName name, void* value) {
+    if (Opened()) return IPC_ERR_OPENED;
+    if (static_cast<uint32_t>(name) > static_cast<uint32_t>(RNonBlock)) return IPC_ERR_PARAM;
+    switch (name) {
+        case LBufferSize:
+        case RBufferSize: {
+            if (value == nullptr) return IPC_ERR_NULL;
+            const int size = *static_cast<const int*>(value);
+            if (size < 1) return IPC_ERR_PARAM;
+            (name == LBufferSize ? m_lSize : m_rSize) = size;
+            break;
+        }
+        case LSemaphore:
+            m_lSemaphore = value;
+            break;
+        case RSemaphore:
+            m_rSemaphore = value;
+            break;
+        case LNonBlock:
+            m_lMode = NonBlock;
+            break;
+        case RNonBlock:
+            m_rMode = NonBlock;
+            break;
+    }
+    return IPC_OK;
+}
+
+int KelIpcSocketPrivate::OpenIpc(KelSide side, const char* name, const KelSecurity* security) {
+    m_side = side;
+    m_ipcL.reset(new KelIpcSockImpl);
+    m_ipcR.reset(new KelIpcSockImpl);
+    const std::string base(name);
+    int rc = m_ipcL->Open(side, (base + "_XL").c_str(), m_lSize,
+                          static_cast<KelSystemSemaphore*>(m_lSemaphore), security, m_lMode);
+    if (rc == IPC_OK) {
+        rc = m_ipcR->Open(side, (base + "_XR").c_str(), m_rSize,
+                          static_cast<KelSystemSemaphore*>(m_rSemaphore), security, m_rMode);
+    }
+    if (rc != IPC_OK) CleanResource();
+    return rc;
+}
+
+int KelIpcSocketPrivate::OpenLocal(KelSide side, const char* name) {
+    m_side = side;
+    m_localL.reset(new KelLocalSockImpl);
+    m_localR.reset(new KelLocalSockImpl);
+    const std::string base(name);
+    int rc = m_localL->Open(side, (base + "_OL").c_str(), m_lSize, static_cast<KelSemaphore*>(m_lSemaphore),
+                            m_lMode);
+    if (rc == IPC_OK) {
+        rc = m_localR->Open(side, (base + "_OR").c_str(), m_rSize, static_cast<KelSemaphore*>(m_rSemaphore),
+                            m_rMode);
+    }
+    if (rc != IPC_OK) CleanResource();
+    return rc;
+}
+
+namespace {
+
+template <typename Channel>
+void CloseChannel(std::unique_ptr<Channel>& channel, const char* type) {
+    if (!channel) return;
+    const int rc = channel->Close();
+    if (rc != IPC_OK) KEL_IPC_LOG(kLogPath, "CleanResource", "%s Close fail, rc=%d", type, rc);
+    channel.reset();
+}
+
+}  // namespace
+
+void KelIpcSocketPrivate::CleanResource() {
+    CloseChannel(m_ipcL, "KelIpcSockImpl");
+    CloseChannel(m_ipcR, "KelIpcSockImpl");
+    CloseChannel(m_localL, "KelLocalSockImpl");
+    CloseChannel(m_localR, "KelLocalSockImpl");
+}
+
+int KelIpcSocketPrivate::Select(Direction direction, KelChannelRing*& ring) {
+    if (!Opened()) return IPC_ERR_NOT_OPENED;
+    if (m_side != Server && m_side != Client) return IPC_ERR_PARAM;
+    const bool useL = (direction == kRead) == (m_side == Server);
+    if (m_ipcL) {
+        ring = &(useL ? m_ipcL : m_ipcR)->Ring();
+    } else {
+        ring = &(useL ? m_localL : m_localR)->Ring();
+    }
+    return IPC_OK;
+}
+
+bool KelIpcSocketPrivate::Running() {
+    if (m_ipcL && m_ipcR) return m_ipcL->Ring().Running() && m_ipcR->Ring().Running();
+    if (m_localL && m_localR) return m_localL->Ring().Running() && m_localR->Ring().Running();
+    return false;
+}
+
+void KelIpcSocketPrivate::ForEachChannel(int (KelChannelRing::*op)(), const char* function) {
+    // The line names the channel type and the operation, e.g. "KelIpcSockImpl Stop fail, rc=-10000".
+    KelChannelRing* rings[] = {m_ipcL ? &m_ipcL->Ring() : nullptr, m_ipcR ? &m_ipcR->Ring() : nullptr,
+                               m_localL ? &m_localL->Ring() : nullptr,
+                               m_localR ? &m_localR->Ring() : nullptr};
+    for (int i = 0; i < 4; ++i) {
+        if (rings[i] == nullptr) continue;
+        const int rc = (rings[i]->*op)();
+        if (rc != IPC_OK) {
+            KEL_IPC_LOG(kSocketLogPath, function, "%s %s fail, rc=%d",
+                        i < 2 ? "KelIpcSockImpl" : "KelLocalSockImpl", function, rc);
+        }
+    }
+}

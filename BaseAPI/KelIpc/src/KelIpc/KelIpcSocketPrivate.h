@@ -1,0 +1,45 @@
+#ifndef KEL_IPC_SOCKET_PRIVATE_H
+#define KEL_IPC_SOCKET_PRIVATE_H
+
+#include <memory>
+#include <mutex>
+
+#include "KelIpc.h"
+#include "KelIpcSockImpl.h"
+#include "KelLocalSockImpl.h"
+
+// The socket's state: options, side and, while open, one channel pair of one transport. The transport is
+// not stored; it is told by which pair is set.
+class KelIpcSocketPrivate {
+public:
+    enum Direction { kRead, kWrite };
+
+    bool Opened() const { return (m_ipcL && m_ipcR) || (m_localL && m_localR); }
+    int SetOption(KelIpcOptionName name, void* value);
+    int OpenIpc(KelSide side, const char* name, const KelSecurity* security);
+    int OpenLocal(KelSide side, const char* name);
+    // Closes and frees every channel; failures are logged. Never throws.
+    void CleanResource();
+
+    // The ring of the direction this end reads or writes (the server reads L and writes R, the client the
+    // reverse). IPC_ERR_NOT_OPENED when closed, IPC_ERR_PARAM for an unknown side.
+    int Select(Direction direction, KelChannelRing*& ring);
+    bool Running();
+    // Calls op on every channel, logging nonzero results under function with the channel type.
+    void ForEachChannel(int (KelChannelRing::*op)(), const char* function);
+
+    KelSide m_side = Server;
+    int32_t m_lSize = 262144;
+    int32_t m_rSize = 262144;
+    void* m_lSemaphore = nullptr;
+    void* m_rSemaphore = nullptr;
+    KelMode m_lMode = Block;
+    KelMode m_rMode = Block;
+    std::unique_ptr<KelIpcSockImpl> m_ipcL;
+    std::unique_ptr<KelIpcSockImpl> m_ipcR;
+    std::unique_ptr<KelLocalSockImpl> m_localL;
+    std::unique_ptr<KelLocalSockImpl> m_localR;
+    std::mutex m_mutex;  // held by Close and Stop
+};
+
+#endif  // KEL_IPC_SOCKET_PRIVATE_H

@@ -1,0 +1,455 @@
+#include <pthread.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <future>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "KelCycleBuffer.h"
+#include "KelSemaphore.h"
+#include "KelSystemSemaphore.h"
+#include "TestSupport.h"
+
+namespace {
+
+constexpr int kMinBlock = 32768;
+constexpr int kHead = 9024;
+
+// A zeroed heap block with a server ring and a client ring attached to it.
+struct RingPair {
+    explicit RingPair(int length = kMinBlock, KelMode mode = NonBlock) : block(length, 0) {
+        EXPECT_EQ(IPC_OK, server.AttachLocal(block.data(), length, Server, mode, &sem));
+        EXPECT_EQ(IPC_OK, client.AttachLocal(block.data(), length, Client, mode, &sem));
+    }
+    int DataLen() { return server.KelCBHeadPtr()->dataLen; }
+
+    std::vector<char> block;
+    KelSemaphore sem;
+    KelCycleBuffer server;  // writes
+    KelCycleBuffer client;  // reads
+};
+
+std::vector<char> Pattern(size_t n, uint64_t from = 0) {
+    std::vector<char> bytes(n);
+    for (size_t i = 0; i < n; ++i) bytes[i] = kt::PatternByte(from + i);
+    return bytes;
+}
+
+// Streams total bytes from writer to reader in pieces cycling through the given sizes; returns the
+// offset of the first wrong byte on the reading side, or -1 when every byte arrived in order.
+int64_t ReadAndVerify(KelCycleBuffer& reader, int64_t total, const std::vector<int>& sizes) {
+    std::vector<char> buffer(1 << 16);
+    int64_t done = 0;
+    for (size_t i = 0; done < total; ++i) {
+        const int n = static_cast<int>(std::min<int64_t>(sizes[i % sizes.size()], total - done));
+        if (reader.Read(buffer.data(), n) != n) return done;
+        for (int k = 0; k < n; ++k) {
+            if (buffer[k] != kt::PatternByte(done + k)) return done + k;
+        }
+        done += n;
+    }
+    return -1;
+}
+
+bool WritePattern(KelCycleBuffer& writer, int64_t total, const std::vector<int>& sizes) {
+    int64_t done = 0;
+    for (size_t i = 0; done < total; ++i) {
+        const int n = static_cast<int>(std::min<int64_t>(sizes[i % sizes.size()], total - done));
+        const std::vector<char> piece = Pattern(n, done);
+        if (writer.Write(piece.data(), n) != n) return false;
+        done += n;
+    }
+    return true;
+}
+
+const std::vector<int> kWriteSizes = {1, 7, 655, 4096, 23743, 100, 3, 9000};
+const std::vector<int> kReadSizes = {5, 1000, 2, 23000, 656, 17, 8191};
+
+}  // namespace
+
+TEST(KelCycleBufferAttach, ServerInitialisesHeaderAndClientTakesItOver) {
+    std::vector<char> block(kMinBlock, 'x');
+    KelCycleBuffer server;
+    EXPECT_EQ(nullptr, server.KelCBHeadPtr());
+    EXPECT_EQ(IPC_ERR_PARAM, server.Attach(block.data(), kMinBlock - 1, Server, Block));
+    EXPECT_EQ(IPC_ERR_PARAM, server.Attach(nullptr, kMinBlock, Server, Block));
+    EXPECT_EQ(IPC_ERR_PARAM, server.Attach(block.data(), kMinBlock, static_cast<KelSide>(2), Block));
+    EXPECT_EQ(nullptr, server.KelCBHeadPtr());
+
+    ASSERT_EQ(IPC_OK, server.Attach(block.data(), kMinBlock, Server, Block));
+    KelCBHead* head = server.KelCBHeadPtr();
+    ASSERT_EQ(reinterpret_cast<KelCBHead*>(block.data()), head);
+    EXPECT_EQ(kMinBlock - kHead, head->dataLen);
+    EXPECT_EQ(1, head->running);
+    EXPECT_TRUE(server.Running());
+    EXPECT_EQ(0, server.DataSize());
+    EXPECT_EQ(kMinBlock - kHead - 1, server.SpaceSize());
+    // Every other byte of the block, data area included, is cleared.
+    head->dataLen = 0;
+    head->running = 0;
+    EXPECT_EQ(static_cast<size_t>(kMinBlock), static_cast<size_t>(std::count(block.begin(), block.end(), 0)));
+    head->dataLen = kMinBlock - kHead;
+    head->running = 1;
+
+    KelCycleBuffer client;
+    ASSERT_EQ(IPC_OK, client.Attach(block.data(), kMinBlock, Client, Block));
+    const char msg[] = "abc";
+    EXPECT_EQ(3, server.NonblockWrite(msg, 3));
+    EXPECT_EQ(3, client.DataSize());
+}
+
+TEST(KelCycleBufferAttach, ClientOfUninitialisedBlockIsNotRunning) {
+    std::vector<char> block(kMinBlock, 0);
+    KelCycleBuffer client;
+    ASSERT_EQ(IPC_OK, client.Attach(block.data(), kMinBlock, Client, Block));
+    char byte = 0;
+    EXPECT_FALSE(client.Running());
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, client.NonblockWrite(&byte, 1));
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, client.NonblockRead(&byte, 1));
+    EXPECT_EQ(0, client.DataSize());
+    EXPECT_EQ(0, client.SpaceSize());
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Reset());
+    // Start sets the flag, yet a block that no server initialised still does not run.
+    EXPECT_EQ(IPC_OK, client.Start());
+    EXPECT_EQ(1, client.KelCBHeadPtr()->running);
+    EXPECT_FALSE(client.Running());
+}
+
+TEST(KelCycleBufferTransfer, FullAfterDataLenMinusOneBytesNotDataLen) {
+    RingPair ring;
+    const int space = ring.server.SpaceSize();
+    ASSERT_EQ(ring.DataLen() - 1, space);
+    const std::vector<char> bytes = Pattern(space + 1);
+    // One byte too many moves nothing at all.
+    EXPECT_EQ(0, ring.server.NonblockWrite(bytes.data(), space + 1));
+    EXPECT_EQ(0, ring.client.DataSize());
+    EXPECT_EQ(space, ring.server.NonblockWrite(bytes.data(), space));
+    EXPECT_EQ(0, ring.server.SpaceSize());
+    EXPECT_EQ(space, ring.client.DataSize());
+    EXPECT_EQ(0, ring.server.NonblockWrite(bytes.data(), 1));
+
+    std::vector<char> out(space + 1);
+    EXPECT_EQ(0, ring.client.NonblockRead(out.data(), space + 1));
+    EXPECT_EQ(space, ring.client.NonblockRead(out.data(), space));
+    EXPECT_TRUE(std::equal(out.begin(), out.begin() + space, bytes.begin()));
+}
+
+TEST(KelCycleBufferTransfer, WritesEndingAtOrCrossingTheEndKeepOrder) {
+    RingPair ring;
+    KelCBHead* head = ring.server.KelCBHeadPtr();
+    const int len = ring.DataLen();
+    std::vector<char> out(len);
+    const std::vector<char> first = Pattern(len - 100);
+    ASSERT_EQ(len - 100, ring.server.NonblockWrite(first.data(), len - 100));
+    ASSERT_EQ(len - 100, ring.client.NonblockRead(out.data(), len - 100));
+    // Ends exactly at the end of the data area: the position comes back to 0.
+    const std::vector<char> tail = Pattern(100, 1);
+    ASSERT_EQ(100, ring.server.NonblockWrite(tail.data(), 100));
+    EXPECT_EQ(0, head->writePos);
+    ASSERT_EQ(100, ring.client.NonblockRead(out.data(), 100));
+    EXPECT_EQ(0, head->readPos);
+    EXPECT_TRUE(std::equal(tail.begin(), tail.end(), out.begin()));
+
+    // Crossing the end splits into two copies that read back in order.
+    ASSERT_EQ(len - 100, ring.server.NonblockWrite(first.data(), len - 100));
+    ASSERT_EQ(len - 100, ring.client.NonblockRead(out.data(), len - 100));
+    const std::vector<char> across = Pattern(300, 7);
+    ASSERT_EQ(300, ring.server.NonblockWrite(across.data(), 300));
+    ASSERT_EQ(300, ring.client.NonblockRead(out.data(), 300));
+    EXPECT_TRUE(std::equal(across.begin(), across.end(), out.begin()));
+}
+
+TEST(KelCycleBufferTransfer, SmallStepsAcrossTheEndKeepSizesConsistent) {
+    RingPair ring;
+    const int len = ring.DataLen();
+    char in[3];
+    char out[3];
+    for (int64_t i = 0; i < 3 * static_cast<int64_t>(len); i += 3) {
+        for (int k = 0; k < 3; ++k) in[k] = kt::PatternByte(i + k);
+        ASSERT_EQ(3, ring.server.NonblockWrite(in, 3));
+        ASSERT_EQ(len - 1, ring.server.DataSize() + ring.server.SpaceSize());
+        ASSERT_EQ(3, ring.client.NonblockRead(out, 3));
+        ASSERT_EQ(0, std::memcmp(in, out, 3)) << "at " << i;
+    }
+}
+
+TEST(KelCycleBufferTransfer, BadCountsAndPointersFailWithoutMovingAnything) {
+    RingPair ring;
+    char byte = 'a';
+    EXPECT_EQ(IPC_ERR_FAILED, ring.server.NonblockWrite(&byte, 0));
+    EXPECT_EQ(IPC_ERR_FAILED, ring.server.NonblockWrite(&byte, -1));
+    EXPECT_EQ(IPC_ERR_FAILED, ring.client.NonblockRead(&byte, 0));
+    EXPECT_EQ(IPC_ERR_FAILED, ring.client.NonblockRead(&byte, -1));
+    EXPECT_EQ(IPC_ERR_FAILED, ring.server.NonblockWrite(nullptr, 5));
+    EXPECT_EQ(0, ring.client.NonblockRead(nullptr, 5));  // not there: nothing to copy into
+    EXPECT_EQ(0, ring.server.DataSize());
+
+    EXPECT_EQ(IPC_ERR_NULL, ring.server.Write(nullptr, 1));
+    EXPECT_EQ(IPC_ERR_NULL, ring.server.Write(&byte, 0));
+    EXPECT_EQ(IPC_ERR_NULL, ring.client.Read(&byte, -1));
+    EXPECT_EQ(0, ring.server.BlockWrite(&byte, 0));
+    EXPECT_EQ(IPC_ERR_FAILED, ring.server.BlockWrite(&byte, -1));
+    EXPECT_EQ(0, ring.client.BlockRead(&byte, 0));
+    EXPECT_EQ(IPC_ERR_FAILED, ring.client.BlockRead(&byte, -1));
+
+    KelCycleBuffer unattached;
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, unattached.Write(&byte, 1));
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, unattached.BlockRead(&byte, 1));
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, unattached.Stop());
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, unattached.Start());
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, unattached.SemRelease());
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, unattached.SemAcquire());
+}
+
+TEST(KelCycleBufferTransfer, NonBlockModeReadAndWriteAreAllOrNothing) {
+    RingPair ring(kMinBlock, NonBlock);
+    const std::vector<char> bytes = Pattern(ring.DataLen());
+    EXPECT_EQ(0, ring.server.Write(bytes.data(), ring.DataLen()));
+    EXPECT_EQ(10, ring.server.Write(bytes.data(), 10));
+    std::vector<char> out(20);
+    EXPECT_EQ(0, ring.client.Read(out.data(), 11));
+    EXPECT_EQ(10, ring.client.Read(out.data(), 10));
+}
+
+TEST(KelCycleBufferLifecycle, StopEndsBothSidesUntilStartEmptiesTheRing) {
+    RingPair ring;
+    const std::vector<char> bytes = Pattern(500);
+    ASSERT_EQ(500, ring.server.NonblockWrite(bytes.data(), 500));
+    ASSERT_EQ(IPC_OK, ring.client.Stop());  // the reading side stops both
+    char out[16];
+    EXPECT_FALSE(ring.server.Running());
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, ring.server.NonblockWrite(bytes.data(), 1));
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, ring.client.NonblockRead(out, 1));
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, ring.server.Write(bytes.data(), 1));
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, ring.client.BlockRead(out, 1));
+    EXPECT_EQ(0, ring.client.DataSize());
+    EXPECT_EQ(0, ring.server.SpaceSize());
+    EXPECT_EQ(0, ring.server.KelCBHeadPtr()->writePos);
+
+    ASSERT_EQ(IPC_OK, ring.server.Start());
+    EXPECT_TRUE(ring.client.Running());
+    EXPECT_EQ(0, ring.client.DataSize());
+    ASSERT_EQ(7, ring.server.NonblockWrite(bytes.data(), 7));
+    ASSERT_EQ(IPC_OK, ring.client.Reset());
+    EXPECT_TRUE(ring.server.Running());
+    EXPECT_EQ(0, ring.client.DataSize());
+}
+
+TEST(KelCycleBufferLifecycle, CorruptHeaderWordsNeverMoveBytesOutsideTheBlock) {
+    RingPair ring;
+    KelCBHead* head = ring.server.KelCBHeadPtr();
+    const int len = ring.DataLen();
+    std::vector<char> bytes = Pattern(64);
+    const int32_t bad[] = {-1, len, len + 5000, INT32_MIN, INT32_MAX};
+    for (int32_t value : bad) {
+        head->writePos = value;
+        head->readPos = 0;
+        EXPECT_GE(0, ring.server.NonblockWrite(bytes.data(), 8)) << value;
+        EXPECT_GE(0, ring.client.NonblockRead(bytes.data(), 8)) << value;
+        head->writePos = 0;
+        head->readPos = value;
+        EXPECT_GE(0, ring.server.NonblockWrite(bytes.data(), 8)) << value;
+        EXPECT_GE(0, ring.client.NonblockRead(bytes.data(), 8)) << value;
+    }
+    // A data length larger than the block this side attached is refused too.
+    head->readPos = 0;
+    head->writePos = 60;
+    head->dataLen = len * 4;
+    EXPECT_EQ(IPC_ERR_FAILED, ring.client.NonblockRead(bytes.data(), 8));
+    head->dataLen = len;
+    head->writePos = 0;
+    EXPECT_EQ(8, ring.server.NonblockWrite(bytes.data(), 8));
+}
+
+TEST(KelCycleBufferSideData, SurvivesStopAndStartAndIsClearedByServerAttach) {
+    RingPair ring;
+    std::vector<char> gcm = Pattern(512);
+    std::vector<char> out(512, 'z');
+    ASSERT_EQ(IPC_OK, ring.client.GetGcmData(out.data(), 512));
+    EXPECT_EQ(512, std::count(out.begin(), out.end(), 0));
+    ASSERT_EQ(IPC_OK, ring.server.SetGcmData(gcm.data(), 512));
+    EXPECT_EQ(IPC_ERR_FAILED, ring.server.SetGcmData(out.data(), 511));
+    EXPECT_EQ(IPC_ERR_FAILED, ring.client.GetGcmData(out.data(), 513));
+    ASSERT_EQ(IPC_OK, ring.server.SetWyTransCounter(5, 7));
+    ASSERT_EQ(IPC_OK, ring.client.SetWyTransCounter(3, 2));
+    std::memset(ring.server.KelCBHeadPtr()->ipcStatus.bytes, 0x5a, sizeof(KelIpcStatus));
+
+    ASSERT_EQ(IPC_OK, ring.server.Stop());
+    ASSERT_EQ(IPC_OK, ring.server.Start());
+    ASSERT_EQ(IPC_OK, ring.client.GetGcmData(out.data(), 512));
+    EXPECT_EQ(gcm, out);
+    uint64_t total = 0;
+    uint64_t latest = 0;
+    ASSERT_EQ(IPC_OK, ring.client.GetWyTransCounter(total, latest));
+    EXPECT_EQ(8u, total);
+    EXPECT_EQ(2u, latest);
+    KelIpcStatus status;
+    ASSERT_EQ(IPC_OK, ring.client.GetIpcStatus(status));
+    EXPECT_EQ(0x5a, status.bytes[287]);
+
+    // A rejected copy clears the stored block; the counter wraps at 2^64.
+    EXPECT_EQ(IPC_ERR_FAILED, ring.server.SetGcmData(nullptr, 512));
+    ring.client.GetGcmData(out.data(), 512);
+    EXPECT_EQ(512, std::count(out.begin(), out.end(), 0));
+    ring.server.ResetWyTransCounter();
+    ring.server.SetWyTransCounter(UINT64_MAX, 1);
+    ring.server.SetWyTransCounter(1, 9);
+    ring.client.GetWyTransCounter(total, latest);
+    EXPECT_EQ(0u, total);
+    EXPECT_EQ(9u, latest);
+
+    ring.server.SetGcmData(gcm.data(), 512);
+    ASSERT_EQ(IPC_OK, ring.server.Attach(ring.block.data(), kMinBlock, Server, Block));
+    ring.client.GetGcmData(out.data(), 512);
+    EXPECT_EQ(512, std::count(out.begin(), out.end(), 0));
+    EXPECT_EQ(IPC_OK, ring.client.EraseGcmData());
+}
+
+TEST(KelCycleBufferSideData, UnattachedRingFailsAndZeroesOutputs) {
+    KelCycleBuffer ring;
+    uint64_t total = 1;
+    uint64_t latest = 1;
+    KelIpcStatus status;
+    std::memset(&status, 1, sizeof(status));
+    char gcm[512];
+    EXPECT_EQ(IPC_ERR_FAILED, ring.GetWyTransCounter(total, latest));
+    EXPECT_EQ(0u, total + latest);
+    EXPECT_EQ(IPC_ERR_FAILED, ring.GetIpcStatus(status));
+    EXPECT_EQ(0, status.bytes[0] + status.bytes[287]);
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, ring.SetGcmData(gcm, 512));
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, ring.GetGcmData(gcm, 512));
+    EXPECT_EQ(IPC_ERR_FAILED, ring.EraseGcmData());
+    EXPECT_EQ(IPC_ERR_FAILED, ring.SetWyTransCounter(1, 1));
+    EXPECT_EQ(IPC_ERR_FAILED, ring.ResetWyTransCounter());
+}
+
+TEST(KelCycleBufferBlocking, StreamsTenTimesTheDataAreaBetweenThreadsInOrder) {
+    RingPair ring(kMinBlock, Block);
+    const int64_t total = 10LL * ring.DataLen();
+    auto reader =
+        std::async(std::launch::async, [&] { return ReadAndVerify(ring.client, total, kReadSizes); });
+    auto writer =
+        std::async(std::launch::async, [&] { return WritePattern(ring.server, total, kWriteSizes); });
+    const bool finished = kt::Ready(reader, 30000) && kt::Ready(writer, 30000);
+    if (!finished) ring.server.Stop();  // releases both so the futures can be joined
+    ASSERT_TRUE(finished);
+    EXPECT_TRUE(writer.get());
+    EXPECT_EQ(-1, reader.get());
+}
+
+TEST(KelCycleBufferBlocking, ReadWaitsUntilTheWholeCountHasArrived) {
+    RingPair ring(kMinBlock, Block);
+    const std::vector<char> bytes = Pattern(100);
+    ASSERT_EQ(60, ring.server.NonblockWrite(bytes.data(), 60));
+    std::vector<char> out(100);
+    auto reader = std::async(std::launch::async, [&] { return ring.client.Read(out.data(), 100); });
+    EXPECT_FALSE(kt::Ready(reader, 50));
+    ASSERT_EQ(40, ring.server.BlockWrite(bytes.data() + 60, 40));
+    ASSERT_TRUE(kt::Ready(reader, 10000)) << "reader not woken by the writer's signal";
+    EXPECT_EQ(100, reader.get());
+    EXPECT_EQ(bytes, out);
+}
+
+TEST(KelCycleBufferBlocking, StopReleasesBlockedReaderAndWriter) {
+    RingPair empty(kMinBlock, Block);
+    RingPair full(kMinBlock, Block);
+    const std::vector<char> bytes = Pattern(full.DataLen() + 10);
+    char out[64];
+    auto reader = std::async(std::launch::async, [&] { return empty.client.Read(out, 64); });
+    auto writer =
+        std::async(std::launch::async, [&] { return full.server.Write(bytes.data(), full.DataLen() + 10); });
+    // The writer moves whole pieces of block/50 bytes, so it stalls with less than a piece free.
+    ASSERT_TRUE(kt::WaitUntil([&] { return full.server.SpaceSize() < kMinBlock / 50; }, 10000));
+    EXPECT_FALSE(kt::Ready(reader, 20));
+    std::future<int> stopEmpty = std::async(std::launch::async, [&] { return empty.client.Stop(); });
+    std::future<int> stopFull = std::async(std::launch::async, [&] { return full.server.Stop(); });
+    ASSERT_TRUE(kt::Ready(reader, 10000) && kt::Ready(writer, 10000));
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, reader.get());
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, writer.get());
+    EXPECT_EQ(IPC_OK, stopEmpty.get());
+    EXPECT_EQ(IPC_OK, stopFull.get());
+    EXPECT_EQ(0, full.server.KelCBHeadPtr()->writePos);
+}
+
+namespace {
+std::atomic<bool> g_handlerEntered{false};
+std::atomic<bool> g_handlerRelease{false};
+
+// Holds the interrupted thread inside its Write until the test lets it go (bounded at five seconds).
+void HoldingHandler(int) {
+    g_handlerEntered.store(true);
+    for (int i = 0; i < 5000 && !g_handlerRelease.load(); ++i) {
+        timespec ms{0, 1000000};
+        nanosleep(&ms, nullptr);
+    }
+}
+}  // namespace
+
+TEST(KelCycleBufferBlocking, StopLogsAndFailsWhenAWriteNeverLeaves) {
+    RingPair ring(kMinBlock, Block);
+    const std::vector<char> bytes = Pattern(ring.DataLen() + 10);
+    struct sigaction action {};
+    struct sigaction previous {};
+    action.sa_handler = HoldingHandler;
+    sigemptyset(&action.sa_mask);
+    ASSERT_EQ(0, sigaction(SIGUSR1, &action, &previous));
+    g_handlerEntered = false;
+    g_handlerRelease = false;
+
+    std::promise<pthread_t> self;
+    auto writer = std::async(std::launch::async, [&] {
+        self.set_value(pthread_self());
+        return ring.server.Write(bytes.data(), static_cast<int>(bytes.size()));
+    });
+    const pthread_t writerThread = self.get_future().get();
+    ASSERT_TRUE(kt::WaitUntil([&] { return ring.server.SpaceSize() < kMinBlock / 50; }, 10000));
+    pthread_kill(writerThread, SIGUSR1);
+    ASSERT_TRUE(kt::WaitUntil([] { return g_handlerEntered.load(); }, 5000));
+
+    kt::LogCapture log;
+    EXPECT_EQ(IPC_ERR_FAILED, ring.server.Stop());
+    g_handlerRelease = true;
+    ASSERT_TRUE(kt::Ready(writer, 10000));
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, writer.get());
+    sigaction(SIGUSR1, &previous, nullptr);
+    ASSERT_EQ(1u, log.Records().size());
+    const KelLogRecord record = log.Records()[0];
+    EXPECT_EQ("Not Exit:1,0", record.message);
+    EXPECT_EQ("Stop", record.function);
+    EXPECT_EQ("BaseAPI/KelIpc/src/KelCycleBuffer/KelCycleBuffer", record.file);
+    EXPECT_EQ(1, record.level);
+}
+
+TEST(KelCycleBufferBlocking, StreamsBetweenProcessesWithSystemSemaphore) {
+    const std::string name = kt::UniqueName("ring") + "_ssm";
+    const int length = 65536;
+    void* shared = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(MAP_FAILED, shared);
+    char* block = static_cast<char*>(shared);
+    KelSystemSemaphore sem;
+    ASSERT_EQ(IPC_OK, sem.Open(name.c_str(), Server, nullptr));
+    KelCycleBuffer writer;
+    ASSERT_EQ(IPC_OK, writer.AttachIpc(block, length, Server, Block, &sem));
+    const int64_t total = 10LL * (length - kHead);
+
+    kt::Child child([&] {
+        KelSystemSemaphore childSem;
+        KelCycleBuffer reader;
+        if (childSem.Open(name.c_str(), Client, nullptr) != IPC_OK) return 2;
+        if (reader.AttachIpc(block, length, Client, Block, &childSem) != IPC_OK) return 3;
+        return ReadAndVerify(reader, total, kReadSizes) == -1 ? 0 : 1;
+    });
+    auto sent = std::async(std::launch::async, [&] { return WritePattern(writer, total, kWriteSizes); });
+    const int code = child.Wait(30000);
+    if (!kt::Ready(sent, 5000)) writer.Stop();  // a dead reader must not leave the writer blocked
+    EXPECT_TRUE(sent.get());
+    EXPECT_EQ(0, code);
+    munmap(shared, length);
+}

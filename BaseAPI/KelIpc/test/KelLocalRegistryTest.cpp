@@ -1,0 +1,101 @@
+#include <future>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "KelLocalMemory.h"
+#include "KelLocalSemaphore.h"
+#include "KelSemaphore.h"
+#include "TestSupport.h"
+
+TEST(KelSemaphore, ReleasesAccumulateAndAcquireWaitsAtZero) {
+    KelSemaphore sem;
+    for (int i = 0; i < 3; ++i) sem.Release();
+    for (int i = 0; i < 3; ++i) sem.Acquire();  // none of these may block
+    auto fourth = std::async(std::launch::async, [&] { sem.Acquire(); });
+    EXPECT_FALSE(kt::Ready(fourth, 50));
+    sem.Release();
+    ASSERT_TRUE(kt::Ready(fourth, 10000));
+}
+
+TEST(KelLocalSemaphore, ClientNeedsServerAndServerNameIsExclusive) {
+    const std::string name = kt::UniqueName("lsc");
+    KelLocalSemaphore server;
+    KelLocalSemaphore client;
+    EXPECT_EQ(IPC_ERR_NULL, client.Open(nullptr, Client));
+    EXPECT_EQ(IPC_ERR_PARAM, client.Open(name.c_str(), static_cast<KelSide>(2)));
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Open(name.c_str(), Client));
+    EXPECT_EQ(nullptr, client.Semaphore());
+
+    ASSERT_EQ(IPC_OK, server.Open(name.c_str(), Server));
+    EXPECT_EQ(IPC_ERR_OPENED, server.Open(name.c_str(), Server));
+    KelLocalSemaphore second;
+    EXPECT_EQ(IPC_ERR_OPENED, second.Open(name.c_str(), Server));
+    // Names are compared byte for byte: another letter case is another semaphore.
+    KelLocalSemaphore upper;
+    std::string other = name;
+    other[0] = 'K';
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, upper.Open(other.c_str(), Client));
+
+    ASSERT_EQ(IPC_OK, client.Open(name.c_str(), Client));
+    EXPECT_EQ(server.Semaphore(), client.Semaphore());
+    // An empty name is a valid key of its own.
+    KelLocalSemaphore empty;
+    EXPECT_EQ(IPC_OK, empty.Open("", Server));
+}
+
+TEST(KelLocalSemaphore, LastHandleToCloseFreesTheNameWhicheverItIs) {
+    const std::string name = kt::UniqueName("lsc");
+    KelLocalSemaphore server;
+    KelLocalSemaphore clientA;
+    KelLocalSemaphore clientB;
+    ASSERT_EQ(IPC_OK, server.Open(name.c_str(), Server));
+    ASSERT_EQ(IPC_OK, clientA.Open(name.c_str(), Client));
+    ASSERT_EQ(IPC_OK, clientB.Open(name.c_str(), Client));
+    KelSemaphore* shared = clientA.Semaphore();
+    shared->Release();
+    EXPECT_EQ(IPC_OK, server.Close());
+    EXPECT_EQ(IPC_OK, server.Close());  // closing twice is harmless
+    clientB.Semaphore()->Acquire();     // still alive for the clients
+
+    KelLocalSemaphore again;
+    EXPECT_EQ(IPC_ERR_OPENED, again.Open(name.c_str(), Server));
+    clientA.Close();
+    EXPECT_EQ(IPC_ERR_OPENED, again.Open(name.c_str(), Server));
+    clientB.Close();
+    ASSERT_EQ(IPC_OK, again.Open(name.c_str(), Server));
+    // The new semaphore starts from zero.
+    auto waiter = std::async(std::launch::async, [&] { again.Semaphore()->Acquire(); });
+    EXPECT_FALSE(kt::Ready(waiter, 30));
+    again.Semaphore()->Release();
+    ASSERT_TRUE(kt::Ready(waiter, 10000));
+}
+
+TEST(KelLocalMemory, ClientSharesTheServerBlockOfTheSameSizeOnly) {
+    const std::string name = kt::UniqueName("lcm");
+    KelLocalMemory server;
+    KelLocalMemory client;
+    EXPECT_EQ(IPC_ERR_NULL, server.Open(nullptr, 64, Server));
+    EXPECT_EQ(IPC_ERR_NULL, server.Open(name.c_str(), 0, Server));
+    EXPECT_EQ(IPC_ERR_NULL, server.Open(name.c_str(), -1, Server));
+    EXPECT_EQ(IPC_ERR_PARAM, server.Open(name.c_str(), 64, static_cast<KelSide>(2)));
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Open(name.c_str(), 64, Client));
+
+    ASSERT_EQ(IPC_OK, server.Open(name.c_str(), 64, Server));
+    EXPECT_EQ(IPC_ERR_OPENED, server.Open(name.c_str(), 64, Server));
+    EXPECT_EQ(IPC_ERR_PARAM, client.Open(name.c_str(), 65, Client));
+    EXPECT_EQ(nullptr, client.Data());
+    ASSERT_EQ(IPC_OK, client.Open(name.c_str(), 64, Client));
+    server.Data()[63] = 'q';
+    EXPECT_EQ('q', client.Data()[63]);
+
+    // Server first: the block stays for the client, and the name stays taken until it closes.
+    server.Close();
+    EXPECT_EQ('q', client.Data()[63]);
+    KelLocalMemory again;
+    EXPECT_EQ(IPC_ERR_OPENED, again.Open(name.c_str(), 64, Server));
+    client.Close();
+    EXPECT_EQ(IPC_OK, client.Close());
+    EXPECT_EQ(nullptr, client.Data());
+    EXPECT_EQ(IPC_OK, again.Open(name.c_str(), 128, Server));
+}
