@@ -1,0 +1,288 @@
+#include "DemoRunner.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <thread>
+#include <utility>
+
+#include "ArgParser.h"
+#include "Commands.h"
+#include "DemoEndpoint.h"
+#include "StopSignal.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr uint64_t kSeedL = 0x4B656C49706300A1ULL;  // what the client writes
+constexpr uint64_t kSeedR = 0x4B656C49706300B2ULL;  // what the server writes
+
+// True once fd is readable (data or end of file); false on a signal or at the deadline.
+bool WaitReadable(int fd, std::chrono::steady_clock::time_point deadline) {
+    while (!StopSignal::Requested() && std::chrono::steady_clock::now() < deadline) {
+        pollfd entry{fd, POLLIN, 0};
+        if (poll(&entry, 1, 50) > 0) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+DemoRunner::DemoRunner(Config config) : m_config(std::move(config)) {
+    // Generous enough for a slow, shared machine: 10 s plus 4 MiB/s.
+    m_timeout = 10s + std::chrono::seconds(m_config.size / (4 << 20));
+}
+
+int DemoRunner::Run() {
+    std::printf("kelipc demo: socket \"%s\", %llu bytes each way, block %d bytes\n", m_config.name.c_str(),
+                static_cast<unsigned long long>(m_config.size), m_config.block ? m_config.block : 262144);
+    bool ok = true;
+    if (m_config.process) ok = RunProcess() && ok;
+    if (m_config.local && !StopSignal::Requested()) ok = RunLocal() && ok;
+    if (StopSignal::Requested()) {
+        std::printf("verdict: INTERRUPTED\n");
+        return 128 + StopSignal::Number();
+    }
+    std::printf("verdict: %s\n", ok ? "OK" : "FAILED");
+    return ok ? kExitOk : kExitFailure;
+}
+
+bool DemoRunner::RunProcess() {
+    int toChild[2];
+    int toParent[2];
+    if (pipe2(toChild, O_CLOEXEC) != 0 || pipe2(toParent, O_CLOEXEC) != 0) {
+        std::perror("kelipc demo: pipe");
+        return false;
+    }
+    std::fflush(nullptr);
+    const pid_t parent = getpid();
+    m_child = fork();
+    if (m_child < 0) {
+        std::perror("kelipc demo: fork");
+        return false;
+    }
+    if (m_child == 0) {
+        close(toChild[1]);
+        close(toParent[0]);
+        std::_Exit(RunClientProcess(parent, toChild[0], toParent[1]));
+    }
+    close(toChild[0]);
+    close(toParent[1]);
+    const auto deadline = Clock::now() + m_timeout;
+    KelIpcSocket server;
+    const int rc = OpenSocket(server, Process, Server);
+    bool ok = rc == IPC_OK && write(toChild[1], "r", 1) == 1;
+    if (rc != IPC_OK) std::fprintf(stderr, "kelipc demo: server Open failed, rc=%d\n", rc);
+    DirectionResult fromClient{};
+    DirectionResult fromServer{};
+    bool gotChild = false;
+    if (ok) {
+        DemoEndpoint end(server, m_config.size);
+        end.Start(kSeedR, kSeedL);
+        // The child holds the write end of toParent until it exits, so a hang-up there means it is gone.
+        const int resultFd = toParent[0];
+        ok = Supervise({&end}, {&server}, deadline, [resultFd] {
+            pollfd entry{resultFd, POLLIN, 0};
+            return poll(&entry, 1, 0) > 0 && (entry.revents & POLLHUP) != 0;
+        });
+        fromClient = end.Received();
+        const ssize_t resultSize = sizeof fromServer;
+        gotChild = WaitReadable(resultFd, deadline) && read(resultFd, &fromServer, resultSize) == resultSize;
+        if (!gotChild && !StopSignal::Requested())
+            std::fprintf(stderr, "kelipc demo: no result from the client process\n");
+    }
+    close(toChild[1]);  // the client's cue to close its end and exit
+    close(toParent[0]);
+    if (StopSignal::Requested()) kill(m_child, SIGTERM);
+    const bool childOk = ReapChild();
+    server.Close();
+    if (rc != IPC_OK) return false;
+    ok = Report("process", "client->server", fromClient) && ok;
+    if (gotChild) ok = Report("process", "server->client", fromServer) && ok;
+    return ok && gotChild && childOk;
+}
+
+int DemoRunner::RunClientProcess(pid_t parent, int fromParent, int toParent) {
+    m_role = " (client process)";
+    // The client must not outlive the demo: the parent's death sends SIGTERM, which takes the stop path.
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != parent) return kExitFailure;
+    char ready = 0;
+    if (!WaitReadable(fromParent, Clock::now() + 5s) || read(fromParent, &ready, 1) != 1) return kExitFailure;
+    KelIpcSocket client;
+    const int rc = OpenSocket(client, Process, Client);
+    if (rc != IPC_OK) {
+        std::fprintf(stderr, "kelipc demo: client Open failed, rc=%d\n", rc);
+        return kExitFailure;
+    }
+    // A little later than the parent's deadline, so that the parent decides a timeout.
+    const auto deadline = Clock::now() + m_timeout + 5s;
+    DemoEndpoint end(client, m_config.size);
+    end.Start(kSeedL, kSeedR);
+    const bool ok = Supervise({&end}, {&client}, deadline, nullptr);
+    const DirectionResult result = end.Received();
+    const bool sent = write(toParent, &result, sizeof result) == static_cast<ssize_t>(sizeof result);
+    // Closing stops the rings of both ends: wait until the server has read everything and lets go.
+    WaitReadable(fromParent, deadline);
+    client.Close();
+    return ok && sent && result.verdict == kVerdictOk ? kExitOk : kExitFailure;
+}
+
+bool DemoRunner::RunLocal() {
+    KelIpcSocket server;
+    KelIpcSocket client;
+    int rc = OpenSocket(server, Local, Server);
+    if (rc == IPC_OK) rc = OpenSocket(client, Local, Client);
+    if (rc != IPC_OK) {
+        std::fprintf(stderr, "kelipc demo: local Open failed, rc=%d\n", rc);
+        return false;
+    }
+    DemoEndpoint serverEnd(server, m_config.size);
+    DemoEndpoint clientEnd(client, m_config.size);
+    serverEnd.Start(kSeedR, kSeedL);
+    clientEnd.Start(kSeedL, kSeedR);
+    bool ok = Supervise({&serverEnd, &clientEnd}, {&server, &client}, Clock::now() + m_timeout, nullptr);
+    client.Close();
+    server.Close();
+    ok = Report("local", "client->server", serverEnd.Received()) && ok;
+    return Report("local", "server->client", clientEnd.Received()) && ok;
+}
+
+// Only a Process client retries: it fails until its server has created the shared objects.
+int DemoRunner::OpenSocket(KelIpcSocket& socket, KelIpcType type, KelSide side) const {
+    int block = m_config.block;
+    if (block != 0) {
+        int rc = socket.SetOption(LBufferSize, &block);
+        if (rc == IPC_OK) rc = socket.SetOption(RBufferSize, &block);
+        if (rc != IPC_OK) return rc;
+    }
+    const auto giveUp = Clock::now() + 5s;
+    for (;;) {
+        const int rc = socket.Open(type, side, m_config.name.c_str(), nullptr);
+        if (rc == IPC_OK || type != Process || side != Client) return rc;
+        if (StopSignal::Requested() || Clock::now() > giveUp) return rc;
+        std::this_thread::sleep_for(10ms);
+    }
+}
+
+// A signal, the deadline, a failed transfer or a lost peer stops the sockets, which makes every blocked
+// transfer of both ends return; the result is false then.
+bool DemoRunner::Supervise(const std::vector<DemoEndpoint*>& ends, const std::vector<KelIpcSocket*>& sockets,
+                           Clock::time_point deadline, const std::function<bool()>& peerLost) const {
+    auto allDone = [&ends] {
+        for (DemoEndpoint* end : ends)
+            if (!end->Done()) return false;
+        return true;
+    };
+    auto anyFailed = [&ends] {
+        for (DemoEndpoint* end : ends)
+            if (end->Failed()) return true;
+        return false;
+    };
+    const char* reason = nullptr;
+    while (!reason && !allDone()) {
+        if (StopSignal::Requested())
+            reason = "interrupted";
+        else if (anyFailed())
+            reason = "a transfer failed";
+        else if (Clock::now() > deadline)
+            reason = "timed out";
+        else if (peerLost && peerLost())
+            reason = "the client process exited";
+        else
+            std::this_thread::sleep_for(10ms);
+    }
+    if (!reason && anyFailed()) reason = "a transfer failed";
+    if (reason) {
+        std::fprintf(stderr, "kelipc demo%s: %s, stopping the socket\n", m_role, reason);
+        for (KelIpcSocket* socket : sockets) socket->Stop();
+        // Stop releases every blocked transfer; threads still inside after that cannot be cleaned up after.
+        const auto grace = Clock::now() + 10s;
+        while (!allDone()) {
+            if (Clock::now() > grace) {
+                std::fprintf(stderr, "kelipc demo%s: transfers did not return after Stop\n", m_role);
+                std::_Exit(kExitFailure);
+            }
+            std::this_thread::sleep_for(10ms);
+        }
+    }
+    for (DemoEndpoint* end : ends) end->Join();
+    return reason == nullptr;
+}
+
+// Waits up to 5 s for the child, then kills it. True when it exited with status 0.
+bool DemoRunner::ReapChild() const {
+    int status = 0;
+    for (const auto giveUp = Clock::now() + 5s; Clock::now() < giveUp; std::this_thread::sleep_for(10ms)) {
+        const pid_t rc = waitpid(m_child, &status, WNOHANG);
+        if (rc == m_child) return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+        if (rc < 0) return false;
+    }
+    std::fprintf(stderr, "kelipc demo: the client process did not exit, killing it\n");
+    kill(m_child, SIGKILL);
+    waitpid(m_child, &status, 0);
+    return false;
+}
+
+bool DemoRunner::Report(const char* transport, const char* direction, const DirectionResult& result) const {
+    std::string verdict = "OK";
+    if (result.verdict == kVerdictMismatch && result.mismatchAt == m_config.size)
+        verdict = "MISMATCH (checksum)";
+    else if (result.verdict == kVerdictMismatch)
+        verdict = "MISMATCH at byte " + std::to_string(result.mismatchAt);
+    else if (result.verdict != kVerdictOk)
+        verdict = "FAILED (rc=" + std::to_string(result.code) + ")";
+    std::printf("  %-8s %-15s %12llu bytes %9.3f s %10.1f MiB/s  %s\n", transport, direction,
+                static_cast<unsigned long long>(result.bytes), result.seconds,
+                result.bytes / 1048576.0 / std::max(result.seconds, 1e-9), verdict.c_str());
+    return result.verdict == kVerdictOk;
+}
+
+int DemoMain(int argc, char** argv) {
+    ArgParser args("kelipc demo [options]",
+                   "Streams a seeded payload both ways over one socket, between two processes (transport\n"
+                   "Process) and between two threads (transport Local), checks every byte and its checksum,\n"
+                   "and reports bytes, time, throughput and a verdict per direction.");
+    args.AddOption("size", "BYTES", "payload per direction; suffix K, M or G allowed (default 256M)");
+    args.AddOption("name", "NAME", "socket name (default kelipc_demo_<pid>)");
+    args.AddOption("block", "BYTES", "shared block per direction, at least 32768 (default 262144)");
+    args.AddOption("transport", "KIND", "process, local or both (default both)");
+    auto usageError = [&args](const std::string& message) {
+        std::fprintf(stderr, "kelipc demo: %s\n\n", message.c_str());
+        args.PrintHelp(stderr);
+        return kExitUsage;
+    };
+    if (!args.Parse(argc, argv)) return usageError(args.Error());
+    if (args.HelpRequested()) {
+        args.PrintHelp(stdout);
+        return kExitOk;
+    }
+    DemoRunner::Config config;
+    if (!ArgParser::ParseSize(args.Get("size", "256M"), config.size)) return usageError("invalid --size");
+    uint64_t block = 0;
+    if (!args.Get("block", "").empty()) {
+        if (!ArgParser::ParseSize(args.Get("block", ""), block) || block > INT_MAX)
+            return usageError("invalid --block");
+        config.block = static_cast<int>(block);
+    }
+    config.name = args.Get("name", "kelipc_demo_" + std::to_string(getpid()));
+    if (config.name.empty()) return usageError("empty --name");
+    const std::string transport = args.Get("transport", "both");
+    if (transport != "process" && transport != "local" && transport != "both")
+        return usageError("--transport must be process, local or both");
+    config.process = transport != "local";
+    config.local = transport != "process";
+    if (!StopSignal::Install()) {
+        std::perror("kelipc demo: sigaction");
+        return kExitFailure;
+    }
+    return DemoRunner(std::move(config)).Run();
+}

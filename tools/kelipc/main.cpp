@@ -1,0 +1,42 @@
+#include <cstdio>
+#include <cstring>
+
+#include "Commands.h"
+
+namespace {
+
+struct Command {
+    const char* name;
+    int (*run)(int argc, char** argv);
+    const char* help;
+};
+
+// A new subcommand: declare its entry point in Commands.h and add a row here.
+const Command kCommands[] = {
+    {"demo", DemoMain, "stream a checked payload both ways between two processes and between two threads"},
+};
+
+void PrintUsage(FILE* out) {
+    std::fprintf(out, "usage: kelipc <command> [options]\n       kelipc <command> --help\n\ncommands:\n");
+    for (const Command& command : kCommands) std::fprintf(out, "  %-10s %s\n", command.name, command.help);
+    std::fprintf(out, "\nexit codes: 0 success, 1 failure, 2 usage error\n");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        PrintUsage(stderr);
+        return kExitUsage;
+    }
+    if (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h") || !std::strcmp(argv[1], "help")) {
+        PrintUsage(stdout);
+        return kExitOk;
+    }
+    for (const Command& command : kCommands) {
+        if (std::strcmp(argv[1], command.name) == 0) return command.run(argc - 1, argv + 1);
+    }
+    std::fprintf(stderr, "kelipc: unknown command '%s'\n\n", argv[1]);
+    PrintUsage(stderr);
+    return kExitUsage;
+}
