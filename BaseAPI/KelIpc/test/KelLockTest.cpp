@@ -1,4 +1,4 @@
-// Parts 5.1 and 5.2: file lock, its guard, process mutex. Lock exclusion is between processes, so the
+// File lock, its guard, process mutex. Lock exclusion is between processes, so the
 // other side of every check is a forked child; parent and child meet through pipes with bounded waits.
 #include <poll.h>
 #include <stdlib.h>

@@ -104,17 +104,22 @@ bool KelIpcSocketPrivate::Running() {
     return false;
 }
 
-void KelIpcSocketPrivate::ForEachChannel(int (KelChannelRing::*op)(), const char* function) {
+namespace {
+
+template <typename Channel>
+void CallChannel(std::unique_ptr<Channel>& channel, int (KelChannelRing::*op)(), const char* type,
+                 const char* function) {
+    if (!channel) return;
+    const int rc = (channel->Ring().*op)();
     // The line names the channel type and the operation, e.g. "KelIpcSockImpl Stop fail, rc=-10000".
-    KelChannelRing* rings[] = {m_ipcL ? &m_ipcL->Ring() : nullptr, m_ipcR ? &m_ipcR->Ring() : nullptr,
-                               m_localL ? &m_localL->Ring() : nullptr,
-                               m_localR ? &m_localR->Ring() : nullptr};
-    for (int i = 0; i < 4; ++i) {
-        if (rings[i] == nullptr) continue;
-        const int rc = (rings[i]->*op)();
-        if (rc != IPC_OK) {
-            KEL_IPC_LOG(kSocketLogPath, function, "%s %s fail, rc=%d",
-                        i < 2 ? "KelIpcSockImpl" : "KelLocalSockImpl", function, rc);
-        }
-    }
+    if (rc != IPC_OK) KEL_IPC_LOG(kSocketLogPath, function, "%s %s fail, rc=%d", type, function, rc);
+}
+
+}  // namespace
+
+void KelIpcSocketPrivate::ForEachChannel(int (KelChannelRing::*op)(), const char* function) {
+    CallChannel(m_ipcL, op, "KelIpcSockImpl", function);
+    CallChannel(m_ipcR, op, "KelIpcSockImpl", function);
+    CallChannel(m_localL, op, "KelLocalSockImpl", function);
+    CallChannel(m_localR, op, "KelLocalSockImpl", function);
 }

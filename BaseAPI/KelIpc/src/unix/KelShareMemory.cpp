@@ -1,0 +1,213 @@
+#include "KelShareMemory.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "KelIpcLog.h"
+#include "KelSecureMem.h"
+
+namespace {
+
+constexpr const char* kSource = "BaseAPI/KelIpc/src/unix/KelShareMemory";
+constexpr mode_t kDefaultMode = 0660;
+
+mode_t ModeOf(const KelSecurity* security) {
+    return security != nullptr ? static_cast<mode_t>(security->mode) : kDefaultMode;
+}
+
+}  // namespace
+
+KelSecurity* CreateSecurityDescriptor(PermissionFlags /*permissions*/, SecurityFdType /*type*/) {
+    return nullptr;
+}
+
+void DestroySecurityDescriptor(KelSecurity* /*security*/) {}
+
+class KelShareMemoryPrivate {
+public:
+    int ShmServerOpen(const char* name, int shmLength, const KelSecurity* security);
+    int ShmResetOpen(const char* name, int shmLength, const KelSecurity* security);
+    int ShmNoResetOpen(const char* name, int shmLength, const KelSecurity* security);
+    int ShmClientOpen(const char* name, int shmLength);
+    void CleanResource();
+
+    int32_t m_fileMap = -1;  // 0 or less: no descriptor held
+    std::string m_name;
+    char* m_data = nullptr;  // non-null exactly while open
+    int32_t m_length = 0;
+    KelSide m_side = Server;
+    bool m_reset = true;
+
+private:
+    // Maps the descriptor and records the open; on failure releases everything and returns false.
+    bool Map(const char* function, const char* name, int shmLength);
+};
+
+bool KelShareMemoryPrivate::Map(const char* function, const char* name, int shmLength) {
+    void* address =
+        mmap(nullptr, static_cast<size_t>(shmLength), PROT_READ | PROT_WRITE, MAP_SHARED, m_fileMap, 0);
+    if (address == MAP_FAILED) {
+        KEL_IPC_LOG(kSource, function, "mmap fail, errno=%d", errno);
+        m_data = nullptr;
+        CleanResource();
+        return false;
+    }
+    m_data = static_cast<char*>(address);
+    m_length = shmLength;
+    m_name = name;
+    return true;
+}
+
+int KelShareMemoryPrivate::ShmServerOpen(const char* name, int shmLength, const KelSecurity* security) {
+    int rc;
+    if (m_reset) {
+        // Processes still mapping an old segment of this name keep it; new opens meet the new one.
+        (void)shm_unlink(name);
+        // The segment must get exactly the requested bits; the mask stays 0 for the whole process.
+        umask(0);
+        rc = ShmResetOpen(name, shmLength, security);
+    } else {
+        rc = ShmNoResetOpen(name, shmLength, security);
+    }
+    if (rc != IPC_OK) {
+        KEL_IPC_LOG(kSource, "ShmServerOpen", "shm_open failed");
+        CleanResource();
+        return IPC_ERR_FAILED;
+    }
+    return Map("ShmServerOpen", name, shmLength) ? IPC_OK : IPC_ERR_FAILED;
+}
+
+int KelShareMemoryPrivate::ShmResetOpen(const char* name, int shmLength, const KelSecurity* security) {
+    // Exclusive: the name was just unlinked, so EEXIST means another process created it in between.
+    m_fileMap = shm_open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, ModeOf(security));
+    if (m_fileMap <= 0) {
+        KEL_IPC_LOG(kSource, "ShmResetOpen", "shm_open fail, m_fileMap=%d, errno=%d", m_fileMap, errno);
+        CleanResource();
+        return IPC_ERR_FAILED;
+    }
+    const int rc = ftruncate(m_fileMap, static_cast<off_t>(shmLength));
+    if (rc < 0) {
+        KEL_IPC_LOG(kSource, "ShmResetOpen", "ftruncate fail, rc=%d, errno=%d", rc, errno);
+        CleanResource();
+        return IPC_ERR_FAILED;
+    }
+    return IPC_OK;
+}
+
+int KelShareMemoryPrivate::ShmNoResetOpen(const char* name, int shmLength, const KelSecurity* security) {
+    const mode_t mode = ModeOf(security);
+    // An existing segment is taken as it is: bytes and size untouched.
+    m_fileMap = shm_open(name, O_RDWR | O_CLOEXEC, mode);
+    if (m_fileMap > 0) return IPC_OK;
+    if (errno != ENOENT) {
+        const int err = errno;
+        KEL_IPC_LOG(kSource, "ShmNoResetOpen", "shm_open fail, errno=%d: %s", err, strerror(err));
+        return IPC_ERR_FAILED;
+    }
+    m_fileMap = shm_open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+    if (m_fileMap <= 0) {
+        KEL_IPC_LOG(kSource, "ShmNoResetOpen", "shm_open fail, m_fileMap=%d, errno=%d", m_fileMap, errno);
+        CleanResource();
+        return IPC_ERR_FAILED;
+    }
+    const int rc = ftruncate(m_fileMap, static_cast<off_t>(shmLength));
+    if (rc < 0) {
+        KEL_IPC_LOG(kSource, "ShmNoResetOpen", "ftruncate fail, rc=%d, errno=%d", rc, errno);
+        CleanResource();
+        return IPC_ERR_FAILED;
+    }
+    return IPC_OK;
+}
+
+int KelShareMemoryPrivate::ShmClientOpen(const char* name, int shmLength) {
+    m_fileMap = shm_open(name, O_RDWR | O_CLOEXEC, 0);
+    if (m_fileMap < 0) {
+        KEL_IPC_LOG(kSource, "ShmClientOpen", "shm_open fail, m_fileMap=%d, errno=%d", m_fileMap, errno);
+        CleanResource();
+        return IPC_ERR_FAILED;
+    }
+    // The exact size guards against mapping past the segment's end, where an access would fault.
+    struct stat st;
+    std::memset(&st, 0, sizeof(st));
+    const int rc = fstat(m_fileMap, &st);
+    const int err = errno;
+    if (rc < 0 || static_cast<int64_t>(st.st_size) != static_cast<int64_t>(shmLength)) {
+        KEL_IPC_LOG(kSource, "ShmClientOpen", "fstat fail, rc=%d, errno=%d, st.st_size=%d, shmLength=%d", rc,
+                    err, static_cast<int>(st.st_size), shmLength);
+        CleanResource();
+        return IPC_ERR_FAILED;
+    }
+    return Map("ShmClientOpen", name, shmLength) ? IPC_OK : IPC_ERR_FAILED;
+}
+
+void KelShareMemoryPrivate::CleanResource() {
+    // Only a completed open has a mapping here: failure paths reach this with m_data null, and the
+    // segment they may have created stays for the next reset open to replace.
+    const bool releasingOpen = m_data != nullptr;
+    if (m_data != nullptr) {
+        const int rc = munmap(m_data, static_cast<size_t>(m_length));
+        if (rc != 0) KEL_IPC_LOG(kSource, "CleanResource", "munmap fail, rc=%d, errno=%d", rc, errno);
+        m_data = nullptr;
+        m_length = 0;
+    }
+    if (m_fileMap > 0) {
+        const int rc = close(m_fileMap);
+        if (rc != 0) KEL_IPC_LOG(kSource, "CleanResource", "close fail, rc=%d, errno=%d", rc, errno);
+        m_fileMap = -1;
+    }
+    // Only the creator removes the segment; a server opened without reset leaves it for the next one.
+    if (releasingOpen && m_side == Server && m_reset) {
+        const int rc = shm_unlink(m_name.c_str());
+        if (rc != 0) KEL_IPC_LOG(kSource, "CleanResource", "shm_unlink fail, rc=%d, errno=%d", rc, errno);
+    }
+}
+
+KelShareMemory::KelShareMemory() : m_private(new KelShareMemoryPrivate) {}
+
+KelShareMemory::~KelShareMemory() {
+    m_private->CleanResource();
+    delete m_private;
+}
+
+int KelShareMemory::Open(const char* name, int shmLength, KelSide side, const KelSecurity* security) {
+    if (name == nullptr) return IPC_ERR_NULL;
+    if (m_private->m_data != nullptr) return IPC_ERR_OPENED;
+    m_private->m_side = side;
+    switch (side) {
+        case Server:
+            return m_private->ShmServerOpen(name, shmLength, security);
+        case Client:
+            return m_private->ShmClientOpen(name, shmLength);
+        default:
+            return IPC_ERR_PARAM;
+    }
+}
+
+int KelShareMemory::Open(const char* name, int shmLength, KelSide side, const KelSecurity* security,
+                         bool reset) {
+    // Recorded before any test: it also governs a later open and the unlink decision at Close.
+    m_private->m_reset = reset;
+    return Open(name, shmLength, side, security);
+}
+
+int KelShareMemory::Close() {
+    if (m_private->m_data == nullptr && m_private->m_fileMap <= 0) return IPC_ERR_NOT_OPENED;
+    m_private->CleanResource();
+    return IPC_OK;
+}
+
+char* KelShareMemory::Data() {
+    return m_private->m_data;
+}
+
+void KelShareMemory::Reset() {
+    if (m_private->m_data == nullptr) return;
+    const size_t length = static_cast<size_t>(m_private->m_length);
+    (void)kel::memset_s(m_private->m_data, length, 0, length);
+}

@@ -1,0 +1,218 @@
+// Shared-memory segment: who creates, replaces and removes a segment, what a failed open leaves, and
+// that two processes share the bytes. Segment state is read from /dev/shm, not through the class.
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "KelShareMemory.h"
+#include "TestSupport.h"
+
+namespace {
+
+const std::string kSource = "BaseAPI/KelIpc/src/unix/KelShareMemory";
+const std::string kEinval = std::to_string(EINVAL), kEnoent = std::to_string(ENOENT);
+
+// Size and permission bits of a segment; size -1 when the name does not exist.
+struct ShmStat {
+    long long size;
+    unsigned mode;
+};
+ShmStat StatOf(const std::string& name) {
+    struct stat st;
+    if (stat(("/dev/shm/" + name).c_str(), &st) != 0) return {-1, 0};
+    return {static_cast<long long>(st.st_size), static_cast<unsigned>(st.st_mode & 0777)};
+}
+
+bool Filled(const char* data, int length, char value) {
+    for (int i = 0; i < length; ++i)
+        if (data[i] != value) return false;
+    return true;
+}
+
+// Each record as "function|message", after checking what every line of this class shares.
+std::vector<std::string> Lines(const kt::LogCapture& log) {
+    std::vector<std::string> lines;
+    for (const KelLogRecord& record : log.Records()) {
+        EXPECT_EQ(record.file, kSource);
+        EXPECT_EQ(record.level, 1);
+        lines.push_back(record.function + "|" + record.message);
+    }
+    return lines;
+}
+using Expected = std::vector<std::string>;
+
+class KelShareMemoryTest : public ::testing::Test {
+protected:
+    void SetUp() override { m_umask = umask(022); }
+    // A server open with reset leaves the process umask at 0; give other tests theirs back.
+    void TearDown() override {
+        umask(m_umask);
+        kt::RemoveShm(m_name);
+    }
+
+    const std::string m_name = kt::UniqueName("seg") + "_shm";
+    mode_t m_umask = 0;
+};
+
+TEST_F(KelShareMemoryTest, ArgumentAndStateErrorsReturnCodesWithoutLogging) {
+    kt::LogCapture log;
+    for (int p = 0; p < 4; ++p)
+        for (int t = 0; t < 2; ++t)
+            EXPECT_EQ(CreateSecurityDescriptor(PermissionFlags(p), SecurityFdType(t)), nullptr);
+    DestroySecurityDescriptor(nullptr);
+
+    KelShareMemory shm;
+    EXPECT_EQ(shm.Close(), IPC_ERR_NOT_OPENED);
+    shm.Reset();
+    EXPECT_EQ(shm.Open(nullptr, 4096, Server, nullptr), IPC_ERR_NULL);
+    EXPECT_EQ(shm.Open(m_name.c_str(), 4096, KelSide(2), nullptr), IPC_ERR_PARAM);
+    EXPECT_EQ(shm.Data(), nullptr);
+    EXPECT_FALSE(kt::ShmExists(m_name));
+
+    ASSERT_EQ(shm.Open(m_name.c_str(), 4096, Server,
+                       CreateSecurityDescriptor(PermissionAll, SecurityFdShareMemory)),
+              IPC_OK);
+    EXPECT_EQ(StatOf(m_name).mode, 0660u);
+    char* const data = shm.Data();
+    const std::string other = kt::UniqueName("seg") + "_shm";
+    // Refused, yet reset false is recorded: from now on this server leaves its segment on Close.
+    EXPECT_EQ(shm.Open(other.c_str(), 4096, Server, nullptr, false), IPC_ERR_OPENED);
+    EXPECT_EQ(shm.Data(), data);
+    EXPECT_EQ(shm.Close(), IPC_OK);
+    EXPECT_TRUE(kt::ShmExists(m_name));
+    EXPECT_FALSE(kt::ShmExists(other));
+    EXPECT_EQ(shm.Close(), IPC_ERR_NOT_OPENED);
+    EXPECT_EQ(shm.Data(), nullptr);
+    EXPECT_TRUE(log.Records().empty());
+}
+
+TEST_F(KelShareMemoryTest, ServerWithResetReplacesExistingSegmentWhileOldMappingsKeepOldBytes) {
+    KelShareMemory first, reader, second;
+    ASSERT_EQ(first.Open(m_name.c_str(), 4096, Server, nullptr), IPC_OK);
+    memset(first.Data(), 'a', 4096);
+    ASSERT_EQ(reader.Open(m_name.c_str(), 4096, Client, nullptr), IPC_OK);
+
+    ASSERT_EQ(second.Open(m_name.c_str(), 8192, Server, nullptr), IPC_OK);
+    EXPECT_EQ(StatOf(m_name).size, 8192);
+    EXPECT_TRUE(Filled(second.Data(), 8192, 0));
+    second.Data()[0] = 'b';
+    EXPECT_TRUE(Filled(reader.Data(), 4096, 'a'));
+
+    kt::LogCapture log;
+    EXPECT_EQ(second.Close(), IPC_OK);
+    EXPECT_FALSE(kt::ShmExists(m_name));
+    // The first server's name is already gone; its failed unlink is logged but Close still succeeds.
+    EXPECT_EQ(first.Close(), IPC_OK);
+    EXPECT_EQ(Lines(log), Expected{"CleanResource|shm_unlink fail, rc=-1, errno=" + kEnoent});
+}
+
+TEST_F(KelShareMemoryTest, ServerCloseRemovesNameWhileAttachedClientKeepsWorking) {
+    KelShareMemory server, client, late;
+    ASSERT_EQ(server.Open(m_name.c_str(), 4096, Server, nullptr), IPC_OK);
+    ASSERT_EQ(client.Open(m_name.c_str(), 4096, Client, nullptr), IPC_OK);
+    server.Data()[0] = 'x';
+    EXPECT_EQ(server.Close(), IPC_OK);
+    EXPECT_FALSE(kt::ShmExists(m_name));
+    EXPECT_EQ(client.Data()[0], 'x');
+    client.Data()[4095] = 'y';
+
+    kt::LogCapture log;
+    EXPECT_EQ(late.Open(m_name.c_str(), 4096, Client, nullptr), IPC_ERR_FAILED);
+    EXPECT_EQ(Lines(log), Expected{"ShmClientOpen|shm_open fail, m_fileMap=-1, errno=" + kEnoent});
+    EXPECT_FALSE(kt::ShmExists(m_name));  // a client never creates
+    EXPECT_EQ(late.Data(), nullptr);
+    EXPECT_EQ(late.Close(), IPC_ERR_NOT_OPENED);
+    EXPECT_EQ(client.Close(), IPC_OK);
+}
+
+TEST_F(KelShareMemoryTest, ServerWithoutResetKeepsSegmentBytesAndSizeAcrossClose) {
+    {
+        KelShareMemory shm;
+        ASSERT_EQ(shm.Open(m_name.c_str(), 4096, Server, nullptr, false), IPC_OK);
+        EXPECT_EQ(StatOf(m_name).size, 4096);
+        EXPECT_TRUE(Filled(shm.Data(), 4096, 0));
+        memset(shm.Data(), 'k', 4096);
+        EXPECT_EQ(shm.Close(), IPC_OK);
+    }
+    ASSERT_TRUE(kt::ShmExists(m_name));
+    KelShareMemory again;
+    ASSERT_EQ(again.Open(m_name.c_str(), 2048, Server, nullptr, false), IPC_OK);
+    EXPECT_TRUE(Filled(again.Data(), 2048, 'k'));
+    EXPECT_EQ(StatOf(m_name).size, 4096);  // taken as found: neither truncated nor resized
+    again.Reset();
+    EXPECT_TRUE(Filled(again.Data(), 2048, 0));
+    EXPECT_EQ(again.Close(), IPC_OK);
+    EXPECT_TRUE(kt::ShmExists(m_name));
+}
+
+TEST_F(KelShareMemoryTest, ClientNeedsExactSizeAndLeavesSegmentAlone) {
+    KelShareMemory server, client;
+    ASSERT_EQ(server.Open(m_name.c_str(), 4096, Server, nullptr), IPC_OK);
+    kt::LogCapture log;
+    // A pure size mismatch logs whatever errno holds; clear it so the line is predictable.
+    errno = 0;
+    EXPECT_EQ(client.Open(m_name.c_str(), 8192, Client, nullptr), IPC_ERR_FAILED);
+    errno = 0;
+    EXPECT_EQ(client.Open(m_name.c_str(), -1, Client, nullptr), IPC_ERR_FAILED);
+    EXPECT_EQ(Lines(log),
+              (Expected{"ShmClientOpen|fstat fail, rc=0, errno=0, st.st_size=4096, shmLength=8192",
+                        "ShmClientOpen|fstat fail, rc=0, errno=0, st.st_size=4096, shmLength=-1"}));
+    EXPECT_EQ(client.Data(), nullptr);
+    EXPECT_EQ(StatOf(m_name).size, 4096);
+    ASSERT_EQ(client.Open(m_name.c_str(), 4096, Client, nullptr), IPC_OK);
+}
+
+TEST_F(KelShareMemoryTest, ServerLengthZeroFailsAtMmapAndNegativeAtFtruncate) {
+    KelShareMemory shm;
+    kt::LogCapture log;
+    EXPECT_EQ(shm.Open(m_name.c_str(), 0, Server, nullptr), IPC_ERR_FAILED);
+    EXPECT_EQ(shm.Data(), nullptr);
+    EXPECT_EQ(StatOf(m_name).size, 0);  // created before the mapping failed; the next reset open replaces it
+    EXPECT_EQ(shm.Open(m_name.c_str(), -1, Server, nullptr), IPC_ERR_FAILED);
+    kt::RemoveShm(m_name);
+    EXPECT_EQ(shm.Open(m_name.c_str(), -1, Server, nullptr, false), IPC_ERR_FAILED);
+    EXPECT_EQ(shm.Close(), IPC_ERR_NOT_OPENED);
+    EXPECT_EQ(Lines(log), (Expected{"ShmServerOpen|mmap fail, errno=" + kEinval,
+                                    "ShmResetOpen|ftruncate fail, rc=-1, errno=" + kEinval,
+                                    "ShmServerOpen|shm_open failed",
+                                    "ShmNoResetOpen|ftruncate fail, rc=-1, errno=" + kEinval,
+                                    "ShmServerOpen|shm_open failed"}));
+}
+
+TEST_F(KelShareMemoryTest, ResetOpenLeavesUmaskZeroWhileOpenWithoutResetHonoursIt) {
+    const std::string plain = kt::UniqueName("seg") + "_shm";
+    KelShareMemory withReset, withoutReset;
+    umask(077);
+    const KelSecurity security{0640};
+    ASSERT_EQ(withReset.Open(m_name.c_str(), 4096, Server, &security), IPC_OK);
+    EXPECT_EQ(umask(077), 0u);
+    EXPECT_EQ(StatOf(m_name).mode, 0640u);
+    ASSERT_EQ(withoutReset.Open(plain.c_str(), 4096, Server, nullptr, false), IPC_OK);
+    EXPECT_EQ(StatOf(plain).mode, 0600u);  // 0660 less the mask
+    kt::RemoveShm(plain);
+}
+
+TEST_F(KelShareMemoryTest, SecondProcessSharesBytesThroughMapping) {
+    KelShareMemory server;
+    ASSERT_EQ(server.Open(m_name.c_str(), 65536, Server, nullptr), IPC_OK);
+    char* const data = server.Data();
+    for (int i = 0; i < 65536; ++i) data[i] = kt::PatternByte(i);
+    const int code = kt::RunInChild([&] {
+        KelShareMemory client;
+        if (client.Open(m_name.c_str(), 65536, Client, nullptr) != IPC_OK) return 1;
+        for (int i = 0; i < 65536; ++i) {
+            if (client.Data()[i] != kt::PatternByte(i)) return 2;
+            client.Data()[i] = static_cast<char>(~client.Data()[i]);
+        }
+        return 0;
+    });
+    ASSERT_EQ(code, 0);
+    for (int i = 0; i < 65536; ++i) ASSERT_EQ(data[i], static_cast<char>(~kt::PatternByte(i))) << i;
+}
+
+}  // namespace
