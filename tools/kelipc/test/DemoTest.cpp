@@ -1,0 +1,24 @@
+#include <gtest/gtest.h>
+
+#include "TestSupport.h"
+#include "ToolProcess.h"
+
+TEST(KelipcDemo, VerifiesBothTransportsAndLeavesNothingBehind) {
+    const std::string name = kt::UniqueName("demo");
+    std::string out;
+    std::string err;
+    ASSERT_EQ(0, RunTool({"demo", "--size", "4M", "--name", name}, "", &out, &err)) << out << err;
+    EXPECT_NE(std::string::npos, out.find("process")) << out;
+    EXPECT_NE(std::string::npos, out.find("local")) << out;
+    EXPECT_NE(std::string::npos, out.find("verdict: OK")) << out;
+    EXPECT_FALSE(kt::ShmExists(name + "_XL_shm"));
+    EXPECT_FALSE(kt::SemExists(name + "_XR_ssm"));
+}
+
+TEST(KelipcDemo, RejectsUnknownOptionsAsUsageErrors) {
+    EXPECT_EQ(2, RunTool({"demo", "--bogus", "1"}, ""));
+    EXPECT_EQ(2, RunTool({"nonsense"}, ""));
+    std::string out;
+    EXPECT_EQ(0, RunTool({"demo", "--help"}, "", &out));
+    EXPECT_NE(std::string::npos, out.find("--size")) << out;
+}

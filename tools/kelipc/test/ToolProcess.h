@@ -1,0 +1,43 @@
+#ifndef KELIPC_TOOL_PROCESS_H
+#define KELIPC_TOOL_PROCESS_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+// A running `kelipc` with its standard streams on pipes, for driving the program as a user would.
+class ToolProcess {
+public:
+    // Starts the program with the given arguments (not including the program name).
+    explicit ToolProcess(const std::vector<std::string>& args);
+    ~ToolProcess();  // kills and reaps a process still running
+    ToolProcess(const ToolProcess&) = delete;
+    ToolProcess& operator=(const ToolProcess&) = delete;
+
+    // Writes all of data to its stdin; false when the pipe broke or timeoutMs passed.
+    bool WriteInput(const std::string& data, int timeoutMs = 20000);
+    void CloseInput();
+    // Reads stdout (and separately stderr) until both reach end of file or timeoutMs passes, then waits for
+    // the exit. The exit code, or -1 on a timeout (the process is then killed) or a death by signal.
+    int Finish(int timeoutMs = 60000);
+    void Signal(int signal);
+
+    const std::string& Out() const { return m_out; }
+    const std::string& Err() const { return m_err; }
+    pid_t Pid() const { return m_pid; }
+
+private:
+    pid_t m_pid = -1;
+    int m_in = -1;
+    int m_outFd = -1;
+    int m_errFd = -1;
+    std::string m_out;
+    std::string m_err;
+};
+
+// Runs the program to completion with the given input; the exit code as Finish returns it.
+int RunTool(const std::vector<std::string>& args, const std::string& input, std::string* out = nullptr,
+            std::string* err = nullptr, int timeoutMs = 60000);
+
+#endif  // KELIPC_TOOL_PROCESS_H
