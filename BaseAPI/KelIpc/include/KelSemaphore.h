@@ -24,7 +24,9 @@ public:
     // Raises the count by one and wakes one waiter; never blocks.
     void Release() {
         std::lock_guard<std::mutex> lock(m_mutex);
-        ++m_count;
+        // A writer releases after every piece whether or not anyone waits; saturating instead of wrapping
+        // keeps a days-long stream of unconsumed releases from ever reading as zero.
+        if (m_count != UINT32_MAX) ++m_count;
         m_cond.notify_one();
     }
 

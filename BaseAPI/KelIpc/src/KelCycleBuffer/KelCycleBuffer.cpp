@@ -1,7 +1,10 @@
 #include "KelCycleBuffer.h"
 
+#include <unistd.h>
+
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <mutex>
 
 #include "KelDateTime.h"
@@ -45,6 +48,30 @@ inline int32_t Used(int32_t len, int32_t w, int32_t r) {
 // it: such a header is refused before any byte moves. A well-formed header always passes.
 inline bool InBlock(int32_t len, int32_t areaLength, int32_t pos) {
     return len >= 1 && len <= areaLength && pos >= 0 && pos < len;
+}
+
+// A peer on another CPU usually answers within a few microseconds, while a sleep on the semaphore or in
+// KelSleep costs tens of microseconds to wake from. So a transfer that finds too little data or room
+// re-tests the ring for a short, bounded time first; past the bound it waits as before, so an idle
+// connection burns no CPU. With one CPU the peer cannot run while we spin, so we never do.
+constexpr auto kSpinBound = std::chrono::microseconds(30);
+
+bool SpinningHelps() {
+    static const bool several = sysconf(_SC_NPROCESSORS_ONLN) > 1;
+    return several;
+}
+
+template <typename Ready>
+bool SpinUntil(Ready ready) {
+    if (!SpinningHelps()) return false;
+    const auto deadline = std::chrono::steady_clock::now() + kSpinBound;
+    for (;;) {
+        for (int i = 0; i < 32; ++i) {
+            if (ready()) return true;
+            __builtin_ia32_pause();
+        }
+        if (std::chrono::steady_clock::now() > deadline) return false;
+    }
 }
 
 inline bool Copy(char* dest, int64_t count, const char* src) {
@@ -219,6 +246,7 @@ int KelCycleBuffer::BlockWrite(const char* data, int count) {
         const int space = SpaceSize();
         if (space < 0 || !Running()) return IPC_ERR_NOT_OPENED;
         if (piece > space) {
+            if (SpinUntil([&] { return SpaceSize() >= piece || !p.IsRunning(); })) continue;
             // No second semaphore for room: pause, and signal so that a sleeping reader drains the ring.
             KelSleep(kWriterPauseMs);
             const int rc = SemRelease();
@@ -249,6 +277,7 @@ int KelCycleBuffer::BlockRead(char* buffer, int count) {
         const int stored = DataSize();
         if (stored < 0 || !Running()) return IPC_ERR_NOT_OPENED;
         if (stored < piece) {
+            if (SpinUntil([&] { return DataSize() >= piece || !p.IsRunning(); })) continue;
             const int rc = SemAcquire();
             if (rc != IPC_OK) return rc;
         } else {
