@@ -20,4 +20,5 @@ UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
     run_suite build-asan -DKELIPC_SANITIZE=address
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
     run_suite build-tsan -DKELIPC_SANITIZE=thread
+scripts/check-install.sh
 echo "all suites passed"
