@@ -38,10 +38,12 @@ inline void StoreRelease(int32_t& word, int32_t value) {
     __atomic_store_n(&word, value, __ATOMIC_RELEASE);
 }
 
-// Bytes stored for data length len (at least 1) and positions w, r; formed in 64 bits so that a
-// corrupt header cannot overflow it.
-inline int32_t Used(int32_t len, int32_t w, int32_t r) {
-    return static_cast<int32_t>((static_cast<int64_t>(w) + len - r) % len);
+// Bytes stored and bytes free for data length len (at least 1) and positions w, r. Formed in 64 bits:
+// with a corrupt header the results leave the 32-bit range instead of overflowing.
+inline int64_t Used(int32_t len, int32_t w, int32_t r) { return (static_cast<int64_t>(w) + len - r) % len; }
+inline int64_t Free(int32_t len, int32_t w, int32_t r) { return len - 1 - Used(len, w, r); }
+inline int ClampToInt(int64_t value) {
+    return static_cast<int>(value > INT32_MAX ? INT32_MAX : (value < INT32_MIN ? INT32_MIN : value));
 }
 
 // Any position or data length outside the block this object attached would make a copy stray outside
@@ -153,7 +155,7 @@ int KelCycleBuffer::NonblockWrite(const char* data, int count) {
     const int32_t len = LoadRelaxed(head->dataLen);
     const int32_t w = LoadRelaxed(head->writePos);  // our own word
     const int32_t r = LoadAcquire(head->readPos);
-    if (len < 1 || len - 1 - Used(len, w, r) < count) return 0;
+    if (len < 1 || Free(len, w, r) < count) return 0;
     if (!InBlock(len, p.m_areaLength, w) || !InBlock(len, p.m_areaLength, r)) return IPC_ERR_FAILED;
     const int64_t end = static_cast<int64_t>(w) + count;
     if (end > len) {
@@ -194,7 +196,7 @@ int KelCycleBuffer::DataSize() {
     if (!p.IsRunning()) return 0;
     const int32_t len = LoadRelaxed(p.m_head->dataLen);
     if (len < 1) return 0;
-    return Used(len, LoadAcquire(p.m_head->writePos), LoadAcquire(p.m_head->readPos));
+    return ClampToInt(Used(len, LoadAcquire(p.m_head->writePos), LoadAcquire(p.m_head->readPos)));
 }
 
 int KelCycleBuffer::SpaceSize() {
@@ -202,7 +204,7 @@ int KelCycleBuffer::SpaceSize() {
     if (!p.IsRunning()) return 0;
     const int32_t len = LoadRelaxed(p.m_head->dataLen);
     if (len < 1) return 0;
-    return len - 1 - Used(len, LoadAcquire(p.m_head->writePos), LoadAcquire(p.m_head->readPos));
+    return ClampToInt(Free(len, LoadAcquire(p.m_head->writePos), LoadAcquire(p.m_head->readPos)));
 }
 
 bool KelCycleBuffer::Running() {
