@@ -14,6 +14,13 @@ struct Command {
 // A new subcommand: declare its entry point in Commands.h and add a row here.
 const Command kCommands[] = {
     {"demo", DemoMain, "stream a checked payload both ways between two processes and between two threads"},
+    {"bench", BenchMain, "throughput, latency and idle cost of KelIpc beside a pipe and a socket pair"},
+    {"serve", ServeMain, "server end of a byte-stream bridge: client's bytes to stdout, stdin to the client"},
+    {"connect", ConnectMain, "client end of a byte-stream bridge: stdin to the server, its bytes to stdout"},
+    {"inspect", InspectMain, "show both directions of a Process channel without disturbing it"},
+    {"stop", StopMain, "stop a live Process channel from outside, releasing blocked transfers"},
+    {"start", StartMain, "start a stopped Process channel again (both rings are emptied)"},
+    {"clean", CleanMain, "remove the segments and semaphore sets of an unused (or --force: any) channel"},
 };
 
 void PrintUsage(FILE* out) {

@@ -1,0 +1,312 @@
+#include "BenchReport.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+std::string SizeText(uint64_t bytes) {
+    const char* const units[] = {"B", "KiB", "MiB", "GiB"};
+    int unit = 0;
+    while (unit < 3 && bytes >= 1024 && bytes % 1024 == 0) {
+        bytes /= 1024;
+        ++unit;
+    }
+    return std::to_string(bytes) + " " + units[unit];
+}
+
+std::string Format(const char* format, double a, double b) {
+    char text[64];
+    std::snprintf(text, sizeof text, format, a, b);
+    return text;
+}
+
+std::string JsonString(const std::string& text) {
+    std::string out = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (static_cast<unsigned char>(c) < 0x20) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+            out += escaped;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
+}
+
+// A number, or null for a figure that could not be measured.
+std::string JsonNumber(double value, bool valid = true) {
+    if (!valid) return "null";
+    char text[32];
+    std::snprintf(text, sizeof text, "%.6g", value);
+    return text;
+}
+
+}  // namespace
+
+BenchStreamRow& BenchReport::Stream(const std::string& transport, bool kelIpc, uint64_t writeSize) {
+    for (BenchStreamRow& row : m_stream)
+        if (row.transport == transport && row.writeSize == writeSize) return row;
+    m_stream.emplace_back();
+    m_stream.back().transport = transport;
+    m_stream.back().kelIpc = kelIpc;
+    m_stream.back().writeSize = writeSize;
+    return m_stream.back();
+}
+
+BenchLatencyRow& BenchReport::Latency(const std::string& transport, bool kelIpc) {
+    for (BenchLatencyRow& row : m_latency)
+        if (row.transport == transport) return row;
+    m_latency.emplace_back();
+    m_latency.back().transport = transport;
+    m_latency.back().kelIpc = kelIpc;
+    return m_latency.back();
+}
+
+BenchReport::Summary BenchReport::Summarize(std::vector<double> values) {
+    Summary summary;
+    if (values.empty()) return summary;
+    std::sort(values.begin(), values.end());
+    const size_t n = values.size();
+    summary.median = n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+    summary.min = values.front();
+    summary.max = values.back();
+    summary.valid = true;
+    return summary;
+}
+
+template <typename Row, typename Get>
+BenchReport::Summary BenchReport::Of(const Row& row, Get get) {
+    std::vector<double> values;
+    for (const auto& sample : row.samples) values.push_back(get(sample));
+    return Summarize(values);
+}
+
+double BenchReport::StreamRatio(const BenchStreamRow& row) const {
+    const Summary mine = Of(row, [](const BenchStreamSample& s) { return s.mbps; });
+    double best = 0;
+    for (const BenchStreamRow& other : m_stream) {
+        if (other.kelIpc || other.writeSize != row.writeSize) continue;
+        const Summary theirs = Of(other, [](const BenchStreamSample& s) { return s.mbps; });
+        if (theirs.valid) best = std::max(best, theirs.median);
+    }
+    return mine.valid && best > 0 ? mine.median / best : 0;
+}
+
+double BenchReport::LatencyRatio(const BenchLatencyRow& row, bool p99) const {
+    auto pick = [p99](const BenchLatencySample& s) { return p99 ? s.p99us : s.p50us; };
+    const Summary mine = Of(row, pick);
+    double best = 0;
+    for (const BenchLatencyRow& other : m_latency) {
+        if (other.kelIpc) continue;
+        const Summary theirs = Of(other, pick);
+        if (theirs.valid && (best == 0 || theirs.median < best)) best = theirs.median;
+    }
+    return mine.valid && best > 0 ? mine.median / best : 0;
+}
+
+void BenchReport::Print(FILE* out) const {
+    const Settings& s = m_settings;
+    std::fprintf(out, "kelipc bench: %d run%s per case%s; ", s.repeat, s.repeat == 1 ? "" : "s",
+                 s.quick ? " (quick)" : "");
+    if (s.cpuA >= 0)
+        std::fprintf(out, "reader and echo side on CPU %d, writer and pinger on CPU %d\n", s.cpuA, s.cpuB);
+    else
+        std::fprintf(out, "one CPU: sides not pinned\n");
+    std::fprintf(out, "receive-side checksum runs at %.1f GB/s on one core (1 MiB in cache)\n\n",
+                 s.checkerGBps);
+
+    std::fprintf(
+        out,
+        "stream throughput in MB/s (10^6 B/s): median and range of the runs; vs kernel = KelIpc median /"
+        "\nbest of pipe and socketpair; time, cpu (user+sys) of writer and reader: medians over the "
+        "timed part\n(cpu: RUSAGE_SELF of each side's process; kelipc-local, whose sides share a process: "
+        "RUSAGE_THREAD)\n");
+    std::fprintf(out, "%-7s %-18s %8s %12s %19s %9s %8s %9s %9s\n", "write", "transport", "bytes",
+                 "median MB/s", "range MB/s", "vs kernel", "time s", "cpu wr s", "cpu rd s");
+    uint64_t lastSize = 0;
+    for (const BenchStreamRow& row : m_stream) {
+        const bool first = row.writeSize != lastSize;
+        if (first && lastSize != 0) std::fprintf(out, "\n");
+        lastSize = row.writeSize;
+        const std::string size = first ? SizeText(row.writeSize) : "";
+        const Summary mbps = Of(row, [](const BenchStreamSample& x) { return x.mbps; });
+        if (!mbps.valid) {
+            std::fprintf(out, "%-7s %-18s %8s %12s\n", size.c_str(), row.transport.c_str(),
+                         SizeText(row.bytes).c_str(), "failed");
+            continue;
+        }
+        std::string versus;
+        if (row.kelIpc) {
+            const double ratio = StreamRatio(row);
+            versus = ratio > 0 ? Format("%.2fx", ratio, 0) : "-";
+        } else {
+            bool best = true;
+            for (const BenchStreamRow& other : m_stream) {
+                if (other.kelIpc || other.writeSize != row.writeSize || &other == &row) continue;
+                const Summary theirs = Of(other, [](const BenchStreamSample& x) { return x.mbps; });
+                best = best && (!theirs.valid || theirs.median <= mbps.median);
+            }
+            versus = best ? "best" : "";
+        }
+        std::fprintf(out, "%-7s %-18s %8s %12.1f %19s %9s %8.3f %9.3f %9.3f\n", size.c_str(),
+                     row.transport.c_str(), SizeText(row.bytes).c_str(), mbps.median,
+                     Format("%.1f-%.1f", mbps.min, mbps.max).c_str(), versus.c_str(),
+                     Of(row, [](const BenchStreamSample& x) { return x.seconds; }).median,
+                     Of(row, [](const BenchStreamSample& x) { return x.cpuWriter; }).median,
+                     Of(row, [](const BenchStreamSample& x) { return x.cpuReader; }).median);
+    }
+
+    std::string buffers;
+    for (const BenchStreamRow& row : m_stream) {
+        if (row.kernelBuffer <= 0 || row.writeSize != m_stream.front().writeSize) continue;
+        buffers += (buffers.empty() ? "" : ", ") + row.transport + " " + std::to_string(row.kernelBuffer);
+    }
+    if (!buffers.empty()) std::fprintf(out, "kernel buffers granted, bytes: %s\n", buffers.c_str());
+
+    std::fprintf(out,
+                 "\n64-byte round trip in us: %llu timed after %llu untimed per run; median and range of the "
+                 "runs'\np50 and p99; vs kernel = KelIpc p50 / best kernel p50 (below 1 is faster); cpu: "
+                 "medians over the timed part\n",
+                 static_cast<unsigned long long>(s.roundTrips), static_cast<unsigned long long>(s.warmTrips));
+    std::fprintf(out, "%-18s %8s %15s %8s %15s %9s %9s %9s\n", "transport", "p50 us", "range p50", "p99 us",
+                 "range p99", "vs kernel", "cpu ping", "cpu echo");
+    for (const BenchLatencyRow& row : m_latency) {
+        const Summary p50 = Of(row, [](const BenchLatencySample& x) { return x.p50us; });
+        const Summary p99 = Of(row, [](const BenchLatencySample& x) { return x.p99us; });
+        if (!p50.valid) {
+            std::fprintf(out, "%-18s %8s\n", row.transport.c_str(), "failed");
+            continue;
+        }
+        std::string versus;
+        if (row.kelIpc) {
+            const double ratio = LatencyRatio(row, false);
+            versus = ratio > 0 ? Format("%.2fx", ratio, 0) : "-";
+        }
+        std::fprintf(out, "%-18s %8.2f %15s %8.2f %15s %9s %9.3f %9.3f\n", row.transport.c_str(), p50.median,
+                     Format("%.2f-%.2f", p50.min, p50.max).c_str(), p99.median,
+                     Format("%.2f-%.2f", p99.min, p99.max).c_str(), versus.c_str(),
+                     Of(row, [](const BenchLatencySample& x) { return x.cpuPinger; }).median,
+                     Of(row, [](const BenchLatencySample& x) { return x.cpuEcho; }).median);
+    }
+
+    std::vector<double> reader;
+    std::vector<double> writer;
+    for (const BenchIdleSample& sample : m_idle) {
+        reader.push_back(sample.cpuReader * 1e6);
+        writer.push_back(sample.cpuWriter * 1e6);
+    }
+    const Summary idleReader = Summarize(reader);
+    const Summary idleWriter = Summarize(writer);
+    std::fprintf(
+        out, "\nidle connection (Process, default blocks; reader blocked in Read, writer idle, %.1f s):\n",
+        s.idleSeconds);
+    if (idleReader.valid)
+        std::fprintf(
+            out,
+            "  cpu reader %.0f us (range %.0f-%.0f), writer %.0f us (range %.0f-%.0f); the writer only "
+            "sleeps,\n  so its figure is what this measurement shows for no work at all\n",
+            idleReader.median, idleReader.min, idleReader.max, idleWriter.median, idleWriter.min,
+            idleWriter.max);
+    else
+        std::fprintf(out, "  failed\n");
+
+    for (const std::string& failure : m_failures) std::fprintf(out, "FAILED: %s\n", failure.c_str());
+}
+
+bool BenchReport::WriteJson(const std::string& path, std::string& error) const {
+    FILE* const out = std::fopen(path.c_str(), "w");
+    if (out == nullptr) {
+        error = path + ": " + std::strerror(errno);
+        return false;
+    }
+    const Settings& s = m_settings;
+    std::fprintf(out, "{\n  \"tool\": \"kelipc bench\",\n  \"settings\": {\"repeat\": %d, \"quick\": %s, ",
+                 s.repeat, s.quick ? "true" : "false");
+    std::fprintf(out,
+                 "\"volume_bytes\": %llu, \"small_write_volume_bytes\": %llu, \"round_trips\": %llu, "
+                 "\"warm_round_trips\": %llu, \"idle_seconds\": %s, \"cpu_reader\": %d, \"cpu_writer\": %d, "
+                 "\"checker_gbps\": %s},\n",
+                 static_cast<unsigned long long>(s.volume), static_cast<unsigned long long>(s.smallVolume),
+                 static_cast<unsigned long long>(s.roundTrips), static_cast<unsigned long long>(s.warmTrips),
+                 JsonNumber(s.idleSeconds).c_str(), s.cpuA, s.cpuB, JsonNumber(s.checkerGBps).c_str());
+
+    std::fprintf(out, "  \"stream\": [");
+    for (size_t i = 0; i < m_stream.size(); ++i) {
+        const BenchStreamRow& row = m_stream[i];
+        const Summary mbps = Of(row, [](const BenchStreamSample& x) { return x.mbps; });
+        const double ratio = row.kelIpc ? StreamRatio(row) : 0;
+        std::fprintf(out,
+                     "%s\n    {\"transport\": %s, \"kelipc\": %s, \"write_bytes\": %llu, \"bytes\": %llu, "
+                     "\"kernel_buffer\": %d, \"median_mbps\": %s, \"min_mbps\": %s, \"max_mbps\": %s, "
+                     "\"ratio_to_best_kernel\": %s, \"failures\": %d, \"runs\": [",
+                     i ? "," : "", JsonString(row.transport).c_str(), row.kelIpc ? "true" : "false",
+                     static_cast<unsigned long long>(row.writeSize),
+                     static_cast<unsigned long long>(row.bytes), row.kernelBuffer,
+                     JsonNumber(mbps.median, mbps.valid).c_str(), JsonNumber(mbps.min, mbps.valid).c_str(),
+                     JsonNumber(mbps.max, mbps.valid).c_str(), JsonNumber(ratio, ratio > 0).c_str(),
+                     row.failures);
+        for (size_t j = 0; j < row.samples.size(); ++j) {
+            const BenchStreamSample& x = row.samples[j];
+            std::fprintf(out,
+                         "%s{\"mbps\": %s, \"seconds\": %s, \"cpu_writer_s\": %s, \"cpu_reader_s\": %s, "
+                         "\"cpu_children_s\": %s}",
+                         j ? ", " : "", JsonNumber(x.mbps).c_str(), JsonNumber(x.seconds).c_str(),
+                         JsonNumber(x.cpuWriter).c_str(), JsonNumber(x.cpuReader).c_str(),
+                         JsonNumber(x.cpuChildren).c_str());
+        }
+        std::fprintf(out, "]}");
+    }
+    std::fprintf(out, "\n  ],\n  \"latency\": [");
+    for (size_t i = 0; i < m_latency.size(); ++i) {
+        const BenchLatencyRow& row = m_latency[i];
+        const Summary p50 = Of(row, [](const BenchLatencySample& x) { return x.p50us; });
+        const Summary p99 = Of(row, [](const BenchLatencySample& x) { return x.p99us; });
+        const double ratio50 = row.kelIpc ? LatencyRatio(row, false) : 0;
+        const double ratio99 = row.kelIpc ? LatencyRatio(row, true) : 0;
+        std::fprintf(
+            out,
+            "%s\n    {\"transport\": %s, \"kelipc\": %s, \"message_bytes\": 64, \"median_p50_us\": %s, "
+            "\"min_p50_us\": %s, \"max_p50_us\": %s, \"median_p99_us\": %s, \"min_p99_us\": %s, "
+            "\"max_p99_us\": %s, \"ratio_p50_to_best_kernel\": %s, \"ratio_p99_to_best_kernel\": %s, "
+            "\"failures\": %d, \"runs\": [",
+            i ? "," : "", JsonString(row.transport).c_str(), row.kelIpc ? "true" : "false",
+            JsonNumber(p50.median, p50.valid).c_str(), JsonNumber(p50.min, p50.valid).c_str(),
+            JsonNumber(p50.max, p50.valid).c_str(), JsonNumber(p99.median, p99.valid).c_str(),
+            JsonNumber(p99.min, p99.valid).c_str(), JsonNumber(p99.max, p99.valid).c_str(),
+            JsonNumber(ratio50, ratio50 > 0).c_str(), JsonNumber(ratio99, ratio99 > 0).c_str(), row.failures);
+        for (size_t j = 0; j < row.samples.size(); ++j) {
+            const BenchLatencySample& x = row.samples[j];
+            std::fprintf(out,
+                         "%s{\"p50_us\": %s, \"p99_us\": %s, \"cpu_pinger_s\": %s, \"cpu_echo_s\": %s, "
+                         "\"cpu_children_s\": %s}",
+                         j ? ", " : "", JsonNumber(x.p50us).c_str(), JsonNumber(x.p99us).c_str(),
+                         JsonNumber(x.cpuPinger).c_str(), JsonNumber(x.cpuEcho).c_str(),
+                         JsonNumber(x.cpuChildren).c_str());
+        }
+        std::fprintf(out, "]}");
+    }
+    std::fprintf(out, "\n  ],\n  \"idle\": {\"transport\": \"kelipc-process\", \"seconds\": %s, \"runs\": [",
+                 JsonNumber(s.idleSeconds).c_str());
+    for (size_t j = 0; j < m_idle.size(); ++j) {
+        const BenchIdleSample& x = m_idle[j];
+        std::fprintf(out, "%s{\"seconds\": %s, \"cpu_reader_s\": %s, \"cpu_writer_s\": %s}", j ? ", " : "",
+                     JsonNumber(x.seconds).c_str(), JsonNumber(x.cpuReader).c_str(),
+                     JsonNumber(x.cpuWriter).c_str());
+    }
+    std::fprintf(out, "]},\n  \"failures\": [");
+    for (size_t i = 0; i < m_failures.size(); ++i)
+        std::fprintf(out, "%s%s", i ? ", " : "", JsonString(m_failures[i]).c_str());
+    std::fprintf(out, "],\n  \"verdict\": \"%s\"\n}\n", Failed() ? "FAILED" : "OK");
+    const bool written = std::ferror(out) == 0;
+    if (std::fclose(out) != 0 || !written) {
+        error = path + ": write failed";
+        return false;
+    }
+    return true;
+}
