@@ -1,4 +1,5 @@
 #include "BenchReport.h"
+#include "JsonText.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -22,22 +23,6 @@ std::string Format(const char* format, double a, double b) {
     return text;
 }
 
-std::string JsonString(const std::string& text) {
-    std::string out = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-            out += escaped;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
-}
 
 // A number, or null for a figure that could not be measured.
 std::string JsonNumber(double value, bool valid = true) {

@@ -34,16 +34,7 @@ bool Filled(const char* data, int length, char value) {
     return true;
 }
 
-// Each record as "function|message", after checking what every line of this class shares.
-std::vector<std::string> Lines(const kt::LogCapture& log) {
-    std::vector<std::string> lines;
-    for (const KelLogRecord& record : log.Records()) {
-        EXPECT_EQ(record.file, kSource);
-        EXPECT_EQ(record.level, 1);
-        lines.push_back(record.function + "|" + record.message);
-    }
-    return lines;
-}
+std::vector<std::string> Lines(const kt::LogCapture& log) { return log.Lines(kSource); }
 using Expected = std::vector<std::string>;
 
 class KelShareMemoryTest : public ::testing::Test {

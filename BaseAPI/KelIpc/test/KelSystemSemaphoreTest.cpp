@@ -33,15 +33,7 @@ bool WaitForWaiters(const std::string& name, int n) {
     return kt::WaitUntil([&] { return Waiters(name) == n; }, kWaitMs);
 }
 
-std::vector<std::string> Lines(const kt::LogCapture& log) {
-    std::vector<std::string> lines;
-    for (const KelLogRecord& record : log.Records()) {
-        EXPECT_EQ(record.file, kSource);
-        EXPECT_EQ(record.level, 1);
-        lines.push_back(record.function + "|" + record.message);
-    }
-    return lines;
-}
+std::vector<std::string> Lines(const kt::LogCapture& log) { return log.Lines(kSource); }
 using Expected = std::vector<std::string>;
 
 // Declared after the futures of a test, so it runs first on an early return: removing the set wakes a

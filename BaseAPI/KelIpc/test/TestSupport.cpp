@@ -90,6 +90,16 @@ size_t LogCapture::Count(const std::string& message) const {
     return n;
 }
 
+std::vector<std::string> LogCapture::Lines(const std::string& file) const {
+    std::vector<std::string> lines;
+    for (const KelLogRecord& record : Records()) {
+        EXPECT_EQ(file, record.file);
+        EXPECT_EQ(1, record.level);
+        lines.push_back(record.function + "|" + record.message);
+    }
+    return lines;
+}
+
 Child::Child(const std::function<int()>& fn) : m_pid(fork()) {
     if (m_pid == 0) {
         int code = 99;
