@@ -15,6 +15,7 @@ run_suite() {
 }
 
 run_suite build
+build/bin/kelipc soak --size 2G
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1 \
 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
     run_suite build-asan -DKELIPC_SANITIZE=address

@@ -15,5 +15,6 @@ int InspectMain(int argc, char** argv);
 int StopMain(int argc, char** argv);
 int StartMain(int argc, char** argv);
 int CleanMain(int argc, char** argv);
+int SoakMain(int argc, char** argv);
 
 #endif  // KELIPC_TOOL_COMMANDS_H

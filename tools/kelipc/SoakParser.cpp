@@ -47,8 +47,8 @@ size_t SoakParser::RecordSize(const char* header) {
     if (length <= m_maxPayload) return SoakRecord::kOverhead + length;
     // Nothing after a wild length can be framed again, so this is as far as the check goes.
     SetFault("length field " + std::to_string(length) + " beyond the largest payload (" +
-             std::to_string(m_maxPayload) + "), sequence field " + std::to_string(SoakRecord::Sequence(header)) +
-             ": header corrupted");
+             std::to_string(m_maxPayload) + "), sequence field " +
+             std::to_string(SoakRecord::Sequence(header)) + ": header corrupted");
     return 0;
 }
 
@@ -62,12 +62,16 @@ void SoakParser::Check(const char* record, size_t size) {
         return;
     }
     if (sequence != m_next) {
-        const std::string what = length == SoakRecord::kEndLength ? "end record" : "record";
-        if (sequence > m_next)
-            SetFault(what + " has sequence " + std::to_string(sequence) + ": records " + std::to_string(m_next) +
-                     ".." + std::to_string(sequence - 1) + " lost or reordered");
+        std::string what = length == SoakRecord::kEndLength ? "end record" : "record";
+        what += " has sequence " + std::to_string(sequence);
+        if (sequence < m_next)
+            what += ", already past: duplicated or reordered";
+        else if (sequence - 1 == m_next)
+            what += ": record " + std::to_string(m_next) + " lost or reordered";
         else
-            SetFault(what + " has sequence " + std::to_string(sequence) + ", already past: duplicated or reordered");
+            what += ": records " + std::to_string(m_next) + ".." + std::to_string(sequence - 1) +
+                    " lost or reordered";
+        SetFault(what);
         return;
     }
     if (length == SoakRecord::kEndLength) {

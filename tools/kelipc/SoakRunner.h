@@ -47,6 +47,7 @@ private:
     bool Report(const std::string& run, const char* direction, const SoakResult& result);
 
     Config m_config;
+    const std::string m_name;  // of the parent, so that the child finds its server's sockets
     const char* m_role = "";
     pid_t m_child = -1;
     uint64_t m_bytesL = 0;  // totals over the runs, client->server

@@ -34,7 +34,8 @@ uint32_t RandomPayload(std::mt19937_64& random, uint32_t largest) {
 }
 
 // An all-or-nothing transfer that passed nothing waits for the peer: at first by giving up the CPU, then,
-// when the peer is slow, by short sleeps, so that two such threads do not starve the others on a small machine.
+// when the peer is slow, by short sleeps, so that two such threads do not starve the others on a small
+// machine.
 void Pause(int& attempts) {
     if (++attempts <= 16)
         std::this_thread::yield();
@@ -147,9 +148,11 @@ void SoakStream::WriterLoop() {
             uint32_t payload = RandomPayload(random, m_maxPayload);
             // The last two records are sized so that the stream ends exactly at the requested size.
             if (left <= largestRecord)
-                payload = static_cast<uint32_t>(left > SoakRecord::kOverhead ? left - SoakRecord::kOverhead : 0);
+                payload =
+                    static_cast<uint32_t>(left > SoakRecord::kOverhead ? left - SoakRecord::kOverhead : 0);
             else
-                payload = static_cast<uint32_t>(std::min<uint64_t>(payload, left - 2 * SoakRecord::kOverhead));
+                payload =
+                    static_cast<uint32_t>(std::min<uint64_t>(payload, left - 2 * SoakRecord::kOverhead));
             tail += SoakRecord::Encode(m_settings.sendSeed, sequence++, payload, stage.data() + tail);
             emitted += SoakRecord::kOverhead + payload;
         }

@@ -47,7 +47,7 @@ public:
     bool Failed() const { return m_failed; }  // a transfer returned an error or the peer's stream was wrong
     uint64_t Progress() const { return m_sent + m_received; }  // bytes moved either way so far
     void Join();
-    const SoakResult& Received() const { return m_result; }  // valid after Join
+    const SoakResult& Received() const { return m_result; }         // valid after Join
     const std::string& WriteError() const { return m_writeError; }  // valid after Join; empty if none
 
 private:

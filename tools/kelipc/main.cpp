@@ -21,6 +21,7 @@ const Command kCommands[] = {
     {"stop", StopMain, "stop a live Process channel from outside, releasing blocked transfers"},
     {"start", StartMain, "start a stopped Process channel again (both rings are emptied)"},
     {"clean", CleanMain, "remove the segments and semaphore sets of an unused (or --force: any) channel"},
+    {"soak", SoakMain, "long-run check of all transfer forms and modes on numbered, checksummed records"},
 };
 
 void PrintUsage(FILE* out) {
