@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds and runs the whole suite three times: plain, under AddressSanitizer with UndefinedBehaviorSanitizer,
-# and under ThreadSanitizer, each in its own build folder. Any failure or sanitizer report fails the run.
+# Builds and runs every test three times: plain, under AddressSanitizer with UndefinedBehaviorSanitizer, and
+# under ThreadSanitizer, each in its own build folder; then a short soak, the install check against the
+# examples, and a minute of fuzzing. Any failure or sanitizer report fails the run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=${KELIPC_JOBS:-2}
