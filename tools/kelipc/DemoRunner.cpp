@@ -17,6 +17,7 @@
 #include "Commands.h"
 #include "DemoEndpoint.h"
 #include "StopSignal.h"
+#include "TransferSupervisor.h"
 
 using namespace std::chrono_literals;
 
@@ -203,16 +204,7 @@ bool DemoRunner::Supervise(const std::vector<DemoEndpoint*>& ends, const std::ve
     if (!reason && anyFailed()) reason = "a transfer failed";
     if (reason) {
         std::fprintf(stderr, "kelipc demo%s: %s, stopping the socket\n", m_role, reason);
-        for (KelIpcSocket* socket : sockets) socket->Stop();
-        // Stop releases every blocked transfer; threads still inside after that cannot be cleaned up after.
-        const auto grace = Clock::now() + 10s;
-        while (!allDone()) {
-            if (Clock::now() > grace) {
-                std::fprintf(stderr, "kelipc demo%s: transfers did not return after Stop\n", m_role);
-                std::_Exit(kExitFailure);
-            }
-            std::this_thread::sleep_for(10ms);
-        }
+        TransferSupervisor::StopAndDrain(sockets, allDone, std::string("kelipc demo") + m_role);
     }
     for (DemoEndpoint* end : ends) end->Join();
     return reason == nullptr;
@@ -220,16 +212,7 @@ bool DemoRunner::Supervise(const std::vector<DemoEndpoint*>& ends, const std::ve
 
 // Waits up to 5 s for the child, then kills it. True when it exited with status 0.
 bool DemoRunner::ReapChild() const {
-    int status = 0;
-    for (const auto giveUp = Clock::now() + 5s; Clock::now() < giveUp; std::this_thread::sleep_for(10ms)) {
-        const pid_t rc = waitpid(m_child, &status, WNOHANG);
-        if (rc == m_child) return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-        if (rc < 0) return false;
-    }
-    std::fprintf(stderr, "kelipc demo: the client process did not exit, killing it\n");
-    kill(m_child, SIGKILL);
-    waitpid(m_child, &status, 0);
-    return false;
+    return TransferSupervisor::ReapChild(m_child, 5s, "kelipc demo");
 }
 
 bool DemoRunner::Report(const char* transport, const char* direction, const DirectionResult& result) const {

@@ -19,6 +19,7 @@
 #include "ArgParser.h"
 #include "Commands.h"
 #include "StopSignal.h"
+#include "TransferSupervisor.h"
 
 using namespace std::chrono_literals;
 
@@ -291,16 +292,7 @@ bool SoakRunner::Supervise(const std::vector<SoakStream*>& streams, const std::v
     if (!reason && anyFailed()) reason = "a transfer or a check failed";
     if (reason) {
         std::fprintf(stderr, "kelipc soak%s: %s, stopping the socket\n", m_role, reason);
-        for (KelIpcSocket* socket : sockets) socket->Stop();
-        // Stop releases every blocked transfer; threads still inside after that cannot be cleaned up after.
-        const auto grace = Clock::now() + 10s;
-        while (!allDone()) {
-            if (Clock::now() > grace) {
-                std::fprintf(stderr, "kelipc soak%s: transfers did not return after Stop\n", m_role);
-                std::_Exit(kExitFailure);
-            }
-            std::this_thread::sleep_for(10ms);
-        }
+        TransferSupervisor::StopAndDrain(sockets, allDone, std::string("kelipc soak") + m_role);
     }
     for (SoakStream* stream : streams) {
         stream->Join();
@@ -312,17 +304,7 @@ bool SoakRunner::Supervise(const std::vector<SoakStream*>& streams, const std::v
 
 // Waits a while for the child, then kills it. True when it exited with status 0.
 bool SoakRunner::ReapChild() const {
-    int status = 0;
-    for (const auto giveUp = Clock::now() + 10s; Clock::now() < giveUp; std::this_thread::sleep_for(10ms)) {
-        const pid_t rc = waitpid(m_child, &status, WNOHANG);
-        if (rc == m_child) return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-        if (rc < 0 && errno != EINTR) return false;
-    }
-    std::fprintf(stderr, "kelipc soak: the client process did not exit, killing it\n");
-    kill(m_child, SIGKILL);
-    while (waitpid(m_child, &status, 0) < 0 && errno == EINTR) {
-    }
-    return false;
+    return TransferSupervisor::ReapChild(m_child, 10s, "kelipc soak");
 }
 
 bool SoakRunner::Report(const std::string& run, const char* direction, const SoakResult& result) {
