@@ -1,0 +1,524 @@
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <functional>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "KelIpc.h"
+#include "KelSemaphore.h"
+#include "KelSystemSemaphore.h"
+#include "TestSupport.h"
+
+namespace {
+
+constexpr int kBlock = 262144;            // a direction's block unless set
+constexpr int kRoom = kBlock - 9024 - 1;  // an empty ring takes one byte less than its data area
+constexpr int kWaitMs = 10000;
+constexpr int64_t kStream = 4LL * kRoom + 12345;
+// Pieces larger than the data area, of one byte, and neither dividing the other side's pieces.
+const std::vector<int> kWritePieces = {1, 4000, 300000, 333, 65537};
+const std::vector<int> kReadPieces = {5000, 17, 260000, 120000};
+
+std::vector<char> Pattern(uint64_t offset, int n) {
+    std::vector<char> bytes(static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i) bytes[i] = kt::PatternByte(offset + i);
+    return bytes;
+}
+
+enum Form { kModeForm, kBlockForm, kNonBlockForm };
+
+int Send(KelIpcSocket& s, Form form, const char* data, int n) {
+    if (form == kModeForm) return s.Write(data, n);
+    return form == kBlockForm ? s.BlockWrite(data, n) : s.NonBlockWrite(data, n);
+}
+
+int Receive(KelIpcSocket& s, Form form, char* buffer, int n) {
+    if (form == kModeForm) return s.Read(buffer, n);
+    return form == kBlockForm ? s.BlockRead(buffer, n) : s.NonBlockRead(buffer, n);
+}
+
+// One message of n bytes and a marker byte. The writer sends the marker only after checking its room and
+// the reader takes nothing before the marker, so both ends see exact counts. 0, or the failed step.
+int Talk(KelIpcSocket& s, bool writing, Form form, uint64_t offset, int n) {
+    const std::vector<char> sent = Pattern(offset, n + 1);
+    if (writing) {
+        if (Send(s, form, sent.data(), n) != n) return 1;
+        if (s.SpaceSize() != kRoom - n) return 2;
+        if (s.DataSize() != 0) return 3;  // nothing went into the direction this end reads
+        return Send(s, form, sent.data() + n, 1) == 1 ? 0 : 4;
+    }
+    if (!kt::WaitUntil([&] { return s.DataSize() == n + 1; }, kWaitMs)) return 5;
+    std::vector<char> got(n + 2);
+    if (s.NonBlockRead(got.data(), n + 2) != 0) return 6;  // one byte short: nothing moves
+    if (Receive(s, form, got.data(), n + 1) != n + 1) return 7;
+    got.resize(n + 1);
+    if (got != sent) return 8;
+    return s.DataSize() == 0 ? 0 : 9;
+}
+
+// One end's part of a conversation in which every form carries a message each way, the client first.
+int Converse(KelIpcSocket& s, KelSide side) {
+    uint64_t offset = 0;
+    int step = 0;
+    for (Form form : {kModeForm, kBlockForm, kNonBlockForm}) {
+        for (KelSide writer : {Client, Server}) {
+            const int n = 1000 + 37 * step;
+            const int rc = Talk(s, writer == side, form, offset, n);
+            if (rc != 0) return 10 * (step + 1) + rc;
+            offset += n + 1;
+            ++step;
+        }
+    }
+    return 0;
+}
+
+// Pieces of both forms take turns; the reader checks every byte against its offset in the stream.
+bool Stream(KelIpcSocket& s, bool sending) {
+    const std::vector<int>& pieces = sending ? kWritePieces : kReadPieces;
+    int64_t done = 0;
+    for (size_t i = 0; done < kStream; ++i) {
+        const int n = static_cast<int>(std::min<int64_t>(pieces[i % pieces.size()], kStream - done));
+        std::vector<char> bytes = Pattern(done, n);
+        const Form form = i % 2 == 0 ? kModeForm : kBlockForm;
+        if (sending ? Send(s, form, bytes.data(), n) != n
+                    : Receive(s, form, bytes.data(), n) != n || bytes != Pattern(done, n)) {
+            return false;
+        }
+        done += n;
+    }
+    return true;
+}
+
+// The non-blocking forms go first: on a ring that still runs, the others could wait for ever.
+bool AllTransfersRefused(KelIpcSocket& s) {
+    char buf[4] = {'a', 'b', 'c', 'd'};
+    const int no = IPC_ERR_NOT_OPENED;
+    return s.NonBlockRead(buf, 4) == no && s.NonBlockWrite(buf, 4) == no && s.Read(buf, 4) == no &&
+           s.BlockRead(buf, 4) == no && s.Write(buf, 4) == no && s.BlockWrite(buf, 4) == no;
+}
+
+// Reads n bytes that are due; fails instead of waiting for ever when they do not come.
+int ReadArrived(KelIpcSocket& s, char* buffer, int n) {
+    return kt::WaitUntil([&] { return s.DataSize() >= n; }, kWaitMs) ? s.Read(buffer, n) : IPC_ERR_FAILED;
+}
+
+// Waits for every part; on a timeout stops the connection so that the blocked transfers return.
+template <typename... Futures>
+bool Finish(KelIpcSocket& end, Futures&... futures) {
+    const bool ready = (kt::Ready(futures, 60000) && ...);
+    if (!ready) end.Stop();
+    return ready;
+}
+
+// Gives a peer that has announced a wait the time to enter it; the outcome is the same if it has not.
+void LetPeerBlock() {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+}
+
+// How many of the segments and semaphore sets of a Process socket name exist in the system.
+int ObjectsOf(const std::string& name) {
+    int n = 0;
+    for (const char* direction : {"_XL", "_XR"}) {
+        n += kt::ShmExists(name + direction + "_shm") + kt::SemExists(name + direction + "_ssm");
+    }
+    return n;
+}
+
+// Runs the server's part in a thread and the client's in a forked child (Process) or in a second thread
+// (Local); stops the connection when a part outlasts the bound. 0, or the first failure (server's + 100).
+int Pair(KelIpcType type, KelIpcSocket& server, const std::function<int()>& serverPart,
+         const std::function<int()>& clientPart) {
+    std::unique_ptr<kt::Child> child;
+    std::future<int> clientRun;
+    if (type == Process) {
+        child = std::make_unique<kt::Child>(clientPart);  // forked before this test starts any thread
+    } else {
+        clientRun = std::async(std::launch::async, clientPart);
+    }
+    auto serverRun = std::async(std::launch::async, serverPart);
+    const bool ready = kt::Ready(serverRun, 60000) && (child || kt::Ready(clientRun, 60000));
+    if (!ready) server.Stop();
+    const int serverResult = serverRun.get();
+    const int clientResult = child ? child->Wait(kWaitMs) : clientRun.get();
+    return serverResult != 0 ? 100 + serverResult : clientResult;
+}
+
+// Waits a bounded time for a semaphore's signal; a missing one is given afterwards so that the wait ends.
+template <typename Wait, typename Give>
+bool Signalled(Wait wait, Give give) {
+    auto waited = std::async(std::launch::async, wait);
+    const bool signalled = kt::Ready(waited, kWaitMs);
+    if (!signalled) give();
+    waited.get();
+    return signalled;
+}
+
+const char* TypeName(KelIpcType type) {
+    return type == Process ? "Process" : "Local";
+}
+
+}  // namespace
+
+TEST(KelIpcSocketTransfer, EveryFormCarriesBothWaysAndEachEndCountsItsOwnDirections) {
+    for (KelIpcType type : {Process, Local}) {
+        SCOPED_TRACE(TypeName(type));
+        const std::string name = kt::UniqueName("forms");
+        KelIpcSocket server;
+        ASSERT_EQ(IPC_OK, server.Open(type, Server, name.c_str(), nullptr));
+        const int rc = Pair(
+            type, server, [&] { return Converse(server, Server); },
+            [&] {
+                KelIpcSocket client;
+                if (client.Open(type, Client, name.c_str(), nullptr) != IPC_OK) return 1;
+                return Converse(client, Client);  // reads the last message, so its close drops nothing
+            });
+        EXPECT_EQ(0, rc);
+    }
+}
+
+TEST(KelIpcSocketTransfer, StreamsOfSeveralRingsArriveInOrderInBothDirections) {
+    for (KelIpcType type : {Process, Local}) {
+        SCOPED_TRACE(TypeName(type));
+        const std::string name = kt::UniqueName("stream");
+        KelIpcSocket server;
+        ASSERT_EQ(IPC_OK, server.Open(type, Server, name.c_str(), nullptr));
+        const int rc = Pair(
+            type, server,
+            [&] {
+                // Closing stops the rings: keep them until the client has taken the tail (or has closed).
+                const auto drained = [&] { return !server.Running() || server.SpaceSize() == kRoom; };
+                return Stream(server, false) && Stream(server, true) && kt::WaitUntil(drained, kWaitMs) ? 0
+                                                                                                        : 1;
+            },
+            [&] {
+                KelIpcSocket client;
+                if (client.Open(type, Client, name.c_str(), nullptr) != IPC_OK) return 1;
+                if (!Stream(client, true)) return 2;
+                return Stream(client, false) ? 0 : 3;  // the server read everything before it sent
+            });
+        EXPECT_EQ(0, rc);
+    }
+}
+
+TEST(KelIpcSocketOpen, ClientBeforeServerFailsLogsItsChainAndStaysClosed) {
+    const std::string name = kt::UniqueName("early");
+    kt::LogCapture log;
+    KelIpcSocket client;
+    EXPECT_EQ(IPC_ERR_FAILED, client.Open(Process, Client, name.c_str(), nullptr));
+    const std::vector<KelLogRecord> records = log.Records();
+    ASSERT_EQ(4u, records.size());
+    EXPECT_EQ("shm_open fail, m_fileMap=-1, errno=" + std::to_string(ENOENT), records[0].message);
+    EXPECT_EQ("KelShareMemory Open fail, rc=-10000", records[1].message);
+    // L failed, so neither channel of the pair was open when the socket cleaned up.
+    for (size_t i : {2u, 3u}) {
+        EXPECT_EQ("BaseAPI/KelIpc/src/KelIpc/KelIpcSocketPrivate", records[i].file);
+        EXPECT_EQ("CleanResource", records[i].function);
+        EXPECT_EQ("KelIpcSockImpl Close fail, rc=-9996", records[i].message);
+        EXPECT_EQ(1, records[i].level);
+    }
+    EXPECT_FALSE(client.Opened());
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Close());
+    EXPECT_FALSE(kt::SemExists(name + "_XL_ssm"));
+
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Open(Local, Client, name.c_str(), nullptr));
+    EXPECT_EQ(2u, log.Count("KelLocalSockImpl Close fail, rc=-9996"));
+    EXPECT_FALSE(client.Opened());
+    EXPECT_FALSE(client.Running());
+}
+
+TEST(KelIpcSocketOpen, ServerWithABlockBelowTheRingMinimumFailsAndLeavesNothing) {
+    const std::string name = kt::UniqueName("small");
+    int small = 16384;
+    for (KelIpcType type : {Process, Local}) {
+        SCOPED_TRACE(TypeName(type));
+        KelIpcSocket server;
+        ASSERT_EQ(IPC_OK, server.SetOption(LBufferSize, &small));
+        {
+            kt::LogCapture quiet;
+            EXPECT_EQ(IPC_ERR_PARAM, server.Open(type, Server, name.c_str(), nullptr));
+        }
+        EXPECT_FALSE(server.Opened());
+        EXPECT_EQ(0, ObjectsOf(name));
+        // Nothing of the name stays taken: the same socket with a proper size opens it.
+        int proper = kBlock;
+        ASSERT_EQ(IPC_OK, server.SetOption(LBufferSize, &proper));
+        EXPECT_EQ(IPC_OK, server.Open(type, Server, name.c_str(), nullptr));
+        EXPECT_EQ(IPC_OK, server.Close());
+    }
+}
+
+TEST(KelIpcSocketOpen, ClientWithAnotherRSizeFailsAndLeavesTheServersLRingStoppedUntilStart) {
+    for (KelIpcType type : {Process, Local}) {
+        SCOPED_TRACE(TypeName(type));
+        const std::string name = kt::UniqueName("rsize");
+        KelIpcSocket server;
+        ASSERT_EQ(IPC_OK, server.Open(type, Server, name.c_str(), nullptr));
+        KelIpcSocket client;
+        int other = kBlock / 2;
+        ASSERT_EQ(IPC_OK, client.SetOption(RBufferSize, &other));
+        {
+            kt::LogCapture log;
+            EXPECT_EQ(type == Process ? IPC_ERR_FAILED : IPC_ERR_PARAM,
+                      client.Open(type, Client, name.c_str(), nullptr));
+            // L had opened, so only R is reported as not open.
+            EXPECT_EQ(1u, log.Count(type == Process ? "KelIpcSockImpl Close fail, rc=-9996"
+                                                    : "KelLocalSockImpl Close fail, rc=-9996"));
+        }
+        EXPECT_FALSE(client.Opened());
+        EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Close());
+        EXPECT_EQ(type == Process ? 4 : 0, ObjectsOf(name));
+        // The client's clean-up stopped L for the server too.
+        EXPECT_FALSE(server.Running());
+        char byte = 0;
+        ASSERT_EQ(IPC_ERR_NOT_OPENED, server.NonBlockRead(&byte, 1));
+        EXPECT_EQ(IPC_ERR_NOT_OPENED, server.Read(&byte, 1));
+        EXPECT_EQ(IPC_OK, server.Start());
+        EXPECT_TRUE(server.Running());
+        KelIpcSocket matching;
+        ASSERT_EQ(IPC_OK, matching.Open(type, Client, name.c_str(), nullptr));
+        EXPECT_EQ(1, matching.Write("x", 1));
+        EXPECT_EQ(1, ReadArrived(server, &byte, 1));
+        EXPECT_EQ('x', byte);
+    }
+}
+
+TEST(KelIpcSocketOpen, ArgumentErrorsReturnBeforeAnythingIsCreatedOrLogged) {
+    const std::string name = kt::UniqueName("args");
+    KelIpcSocket s;
+    {
+        kt::LogCapture log;
+        EXPECT_EQ(IPC_ERR_NULL, s.Open(static_cast<KelIpcType>(2), Server, nullptr, nullptr));
+        EXPECT_EQ(IPC_ERR_NULL, s.Open(Process, static_cast<KelSide>(2), nullptr, nullptr));
+        EXPECT_EQ(IPC_ERR_PARAM, s.Open(static_cast<KelIpcType>(2), Server, name.c_str(), nullptr));
+        EXPECT_EQ(IPC_ERR_PARAM, s.Open(Process, static_cast<KelSide>(2), name.c_str(), nullptr));
+        EXPECT_EQ(IPC_ERR_PARAM, s.Open(Local, static_cast<KelSide>(-1), name.c_str(), nullptr));
+        EXPECT_TRUE(log.Records().empty());
+    }
+    EXPECT_FALSE(s.Opened());
+    EXPECT_EQ(0, ObjectsOf(name));
+}
+
+TEST(KelIpcSocketOptions, ClientLNonBlockWritesAllOrNothingWhileTheServersReadStillWaits) {
+    for (KelIpcType type : {Process, Local}) {
+        SCOPED_TRACE(TypeName(type));
+        const std::string name = kt::UniqueName("nonblock");
+        KelIpcSocket server;
+        KelIpcSocket client;
+        ASSERT_EQ(IPC_OK, server.Open(type, Server, name.c_str(), nullptr));
+        EXPECT_EQ(IPC_ERR_OPENED, server.SetOption(LNonBlock, nullptr));  // too late: changes nothing
+        ASSERT_EQ(IPC_OK, client.SetOption(LNonBlock, nullptr));
+        ASSERT_EQ(IPC_OK, client.Open(type, Client, name.c_str(), nullptr));
+        const std::vector<char> bytes = Pattern(0, kRoom + 1);
+        // One byte more than fits; a Write that ignored the option would wait here for ever.
+        auto oversized =
+            std::async(std::launch::async, [&] { return client.Write(bytes.data(), kRoom + 1); });
+        EXPECT_TRUE(Finish(server, oversized));
+        EXPECT_EQ(0, oversized.get());
+        EXPECT_EQ(0, server.DataSize());
+        EXPECT_EQ(kRoom, client.SpaceSize());
+        EXPECT_EQ(10, client.Write(bytes.data(), 10));
+
+        std::vector<char> got(20);
+        auto read = std::async(std::launch::async, [&] { return server.Read(got.data(), 20); });
+        EXPECT_FALSE(kt::Ready(read, 50)) << "the server's Read returned before its count had arrived";
+        // A non-blocking write signals nobody; the blocking form wakes the waiting reader.
+        EXPECT_EQ(10, client.BlockWrite(bytes.data() + 10, 10));
+        EXPECT_TRUE(Finish(server, read));
+        EXPECT_EQ(20, read.get());
+        EXPECT_TRUE(std::equal(got.begin(), got.end(), bytes.begin()));
+    }
+}
+
+TEST(KelIpcSocketOptions, SuppliedSemaphoreIsSignalledAndNoneOfTheChannelNameIsMade) {
+    const std::string name = kt::UniqueName("sem");
+    const std::string semName = kt::UniqueName("own");
+    KelSystemSemaphore serverSem;
+    KelSystemSemaphore clientSem;  // the other process's handle on the same set
+    ASSERT_EQ(IPC_OK, serverSem.Open(semName.c_str(), Server, nullptr));
+    ASSERT_EQ(IPC_OK, clientSem.Open(semName.c_str(), Client, nullptr));
+    KelSemaphore localSem;
+    for (KelIpcType type : {Process, Local}) {
+        SCOPED_TRACE(TypeName(type));
+        KelIpcSocket server;
+        KelIpcSocket client;
+        void* serverOwn = type == Process ? static_cast<void*>(&serverSem) : &localSem;
+        ASSERT_EQ(IPC_OK, server.SetOption(LSemaphore, serverOwn));
+        ASSERT_EQ(IPC_OK, server.Open(type, Server, name.c_str(), nullptr));
+        EXPECT_FALSE(kt::SemExists(name + "_XL_ssm"));
+        EXPECT_EQ(type == Process, kt::SemExists(name + "_XR_ssm"));  // R still makes its own
+        if (type == Local) {
+            // Nothing is registered under the L name, so a client that wants the named one fails.
+            kt::LogCapture quiet;
+            EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Open(Local, Client, name.c_str(), nullptr));
+            EXPECT_TRUE(server.Running());  // that client had attached no ring, so it stopped none
+        }
+        ASSERT_EQ(IPC_OK,
+                  client.SetOption(LSemaphore, type == Process ? static_cast<void*>(&clientSem) : serverOwn));
+        ASSERT_EQ(IPC_OK, client.Open(type, Client, name.c_str(), nullptr));
+        ASSERT_EQ(IPC_OK, serverSem.Reset());
+        EXPECT_EQ(4, client.Write("ping", 4));  // signals after the piece
+        if (type == Process) {
+            EXPECT_TRUE(Signalled([&] { serverSem.Acquire(); }, [&] { serverSem.Release(); }));
+        } else {
+            EXPECT_TRUE(Signalled([&] { localSem.Acquire(); }, [&] { localSem.Release(); }));
+        }
+        char got[4] = {};
+        EXPECT_EQ(4, ReadArrived(server, got, 4));
+        EXPECT_EQ(std::string("ping"), std::string(got, 4));
+    }
+    EXPECT_TRUE(serverSem.Opened());  // not the sockets' to close
+    EXPECT_EQ(IPC_OK, serverSem.Close());
+}
+
+TEST(KelIpcSocketLifecycle, NewSocketRefusesEverythingAsNotOpened) {
+    KelIpcSocket s;
+    EXPECT_FALSE(s.Opened());
+    EXPECT_FALSE(s.Running());
+    EXPECT_TRUE(AllTransfersRefused(s));
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, s.Write(nullptr, 0));  // the state is tested before the arguments
+    for (int rc : {s.DataSize(), s.SpaceSize(), s.Close(), s.Stop(), s.Start(), s.Reset()}) {
+        EXPECT_EQ(IPC_ERR_NOT_OPENED, rc);
+    }
+}
+
+TEST(KelIpcSocketLifecycle, StopByEitherEndIsSeenByTheOtherProcessAndReleasesItsRead) {
+    const std::string name = kt::UniqueName("stop");
+    KelIpcSocket server;
+    ASSERT_EQ(IPC_OK, server.Open(Process, Server, name.c_str(), nullptr));
+    // Each end checks the stopped state only while the other cannot restart: the client restarts after
+    // its checks, and nobody restarts after the client's Stop.
+    kt::Child child([&] {
+        KelIpcSocket client;
+        if (client.Open(Process, Client, name.c_str(), nullptr) != IPC_OK) return 1;
+        char buf[16] = {};
+        if (client.Write("r", 1) != 1) return 2;  // about to wait on R
+        if (client.Read(buf, 16) != IPC_ERR_NOT_OPENED) return 3;
+        if (client.Running() || !AllTransfersRefused(client)) return 4;
+        if (client.Start() != IPC_OK) return 5;
+        if (!kt::WaitUntil([&] { return client.DataSize() == 1; }, kWaitMs)) return 6;
+        LetPeerBlock();
+        return client.Stop() == IPC_OK ? 0 : 7;
+    });
+    char byte = 0;
+    ASSERT_TRUE(kt::WaitUntil([&] { return server.DataSize() == 1; }, kWaitMs));
+    ASSERT_EQ(1, server.Read(&byte, 1));
+    LetPeerBlock();
+    EXPECT_EQ(IPC_OK, server.Stop());
+
+    ASSERT_TRUE(kt::WaitUntil([&] { return server.Running(); }, kWaitMs)) << "the client's Start";
+    EXPECT_EQ(0, server.DataSize());
+    EXPECT_EQ(1, server.Write("w", 1));  // about to wait on L
+    auto read = std::async(std::launch::async, [&] { return server.Read(&byte, 1); });
+    EXPECT_TRUE(Finish(server, read));
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, read.get());
+    EXPECT_FALSE(server.Running());
+    EXPECT_EQ(0, child.Wait(kWaitMs));
+    // Only now has the client's Stop come past R as well: it stops L first, and that released the Read.
+    EXPECT_TRUE(AllTransfersRefused(server));
+}
+
+TEST(KelIpcSocketLifecycle, StopReleasesAReaderInAnotherThreadAndStartOrResetEmptyBothDirections) {
+    for (KelIpcType type : {Process, Local}) {
+        SCOPED_TRACE(TypeName(type));
+        const std::string name = kt::UniqueName("reset");
+        KelIpcSocket server;
+        KelIpcSocket client;
+        ASSERT_EQ(IPC_OK, server.Open(type, Server, name.c_str(), nullptr));
+        ASSERT_EQ(IPC_OK, client.Open(type, Client, name.c_str(), nullptr));
+        char buf[64] = {};
+        auto blocked = std::async(std::launch::async, [&] { return client.Read(buf, 64); });
+        EXPECT_FALSE(kt::Ready(blocked, 20));
+        EXPECT_EQ(IPC_OK, server.Stop());
+        const bool released = kt::Ready(blocked, kWaitMs);
+        EXPECT_TRUE(released) << "the server's Stop did not release the client's Read";
+        if (!released) {
+            // A Stop that did not reach R cannot end the Read either: let it have its bytes instead.
+            server.Start();
+            server.BlockWrite(buf, 64);
+        }
+        EXPECT_EQ(IPC_ERR_NOT_OPENED, blocked.get());
+        EXPECT_FALSE(client.Running());
+        EXPECT_TRUE(AllTransfersRefused(client));
+        EXPECT_EQ(IPC_OK, client.Reset());
+        EXPECT_FALSE(server.Running());  // Reset does not restart
+
+        EXPECT_EQ(IPC_OK, client.Start());
+        ASSERT_TRUE(server.Running());
+        for (int (KelIpcSocket::*empty)() : {&KelIpcSocket::Reset, &KelIpcSocket::Start}) {
+            ASSERT_EQ(10, client.NonBlockWrite(buf, 10));
+            ASSERT_EQ(20, server.NonBlockWrite(buf, 20));
+            EXPECT_EQ(10, server.DataSize());
+            EXPECT_EQ(20, client.DataSize());
+            EXPECT_EQ(IPC_OK, (server.*empty)());
+            EXPECT_EQ(0, server.DataSize());
+            EXPECT_EQ(0, client.DataSize());
+            EXPECT_EQ(kRoom, server.SpaceSize());
+            EXPECT_EQ(kRoom, client.SpaceSize());
+            EXPECT_TRUE(client.Running());
+        }
+        EXPECT_EQ(3, client.Write("abc", 3));
+        EXPECT_EQ(3, ReadArrived(server, buf, 3));
+    }
+}
+
+TEST(KelIpcSocketOptions, OnlyValidOptionsSetWhileClosedAreKeptAcrossCloseAndReopen) {
+    const std::string name = kt::UniqueName("reopen");
+    KelIpcSocket server;
+    int zero = 0;
+    int negative = -5;
+    EXPECT_EQ(IPC_ERR_PARAM, server.SetOption(static_cast<KelIpcOptionName>(6), &zero));
+    EXPECT_EQ(IPC_ERR_PARAM,
+              server.SetOption(static_cast<KelIpcOptionName>(-1), &zero));  // compared unsigned
+    for (KelIpcOptionName size : {LBufferSize, RBufferSize}) {
+        EXPECT_EQ(IPC_ERR_NULL, server.SetOption(size, nullptr));
+        EXPECT_EQ(IPC_ERR_PARAM, server.SetOption(size, &zero));
+        EXPECT_EQ(IPC_ERR_PARAM, server.SetOption(size, &negative));
+    }
+    int r = 65536;
+    ASSERT_EQ(IPC_OK, server.SetOption(RBufferSize, &r));
+    ASSERT_EQ(IPC_OK, server.SetOption(LNonBlock, nullptr));
+    ASSERT_EQ(IPC_OK, server.Open(Process, Server, name.c_str(), nullptr));
+    int small = 16384;
+    EXPECT_EQ(IPC_ERR_OPENED, server.SetOption(LBufferSize, &small));
+    EXPECT_EQ(IPC_ERR_OPENED, server.SetOption(RBufferSize, nullptr));  // the open test comes first
+    EXPECT_EQ(IPC_ERR_OPENED, server.SetOption(static_cast<KelIpcOptionName>(6), nullptr));
+    EXPECT_EQ(IPC_ERR_OPENED, server.Open(Local, Client, name.c_str(), nullptr));
+
+    EXPECT_EQ(IPC_OK, server.Close());
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, server.Close());
+    EXPECT_FALSE(server.Opened());
+    EXPECT_EQ(0, ObjectsOf(name));
+
+    ASSERT_EQ(IPC_OK, server.Open(Process, Server, name.c_str(), nullptr));  // no refused size was taken
+    EXPECT_EQ(65536 - 9024 - 1, server.SpaceSize());
+    char buf[4];
+    auto read = std::async(std::launch::async, [&] { return server.Read(buf, 4); });
+    EXPECT_TRUE(Finish(server, read)) << "LNonBlock was lost: the Read waited";  // all or nothing at once
+    EXPECT_EQ(0, read.get());
+}
+
+TEST(KelIpcSocketLifecycle, DestroyingAnOpenServerRemovesItsObjectsAndStopsTheClientProcess) {
+    const std::string name = kt::UniqueName("destroy");
+    auto server = std::make_unique<KelIpcSocket>();
+    ASSERT_EQ(IPC_OK, server->Open(Process, Server, name.c_str(), nullptr));
+    kt::Child child([&] {
+        KelIpcSocket client;
+        if (client.Open(Process, Client, name.c_str(), nullptr) != IPC_OK) return 1;
+        char buf[16];
+        if (client.Write("r", 1) != 1) return 2;  // about to wait on R
+        if (client.Read(buf, 16) != IPC_ERR_NOT_OPENED) return 3;
+        if (client.Running() || !AllTransfersRefused(client)) return 4;
+        return client.Close() == IPC_OK ? 0 : 5;  // a client only unmaps
+    });
+    ASSERT_TRUE(kt::WaitUntil([&] { return server->DataSize() == 1; }, kWaitMs));
+    LetPeerBlock();
+    server.reset();
+    EXPECT_EQ(0, ObjectsOf(name));
+    EXPECT_EQ(0, child.Wait(kWaitMs));
+}
