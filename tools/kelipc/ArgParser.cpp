@@ -3,6 +3,8 @@
 #include <cctype>
 #include <utility>
 
+#include "Commands.h"
+
 ArgParser::ArgParser(std::string usage, std::string summary)
     : m_usage(std::move(usage)), m_summary(std::move(summary)) {}
 
@@ -17,6 +19,10 @@ bool ArgParser::Parse(int argc, char** argv) {
             m_help = true;
             continue;
         }
+        if (m_acceptPlain && !arg.empty() && arg[0] != '-') {
+            m_plain.push_back(arg);
+            continue;
+        }
         if (arg.compare(0, 2, "--") != 0) {
             m_error = "unexpected argument '" + arg + "'";
             return false;
@@ -28,13 +34,20 @@ bool ArgParser::Parse(int argc, char** argv) {
             value = name.substr(equals + 1);
             name.resize(equals);
         }
-        bool known = false;
-        for (const Option& option : m_options) known = known || option.name == name;
-        if (!known) {
+        const Option* option = nullptr;
+        for (const Option& candidate : m_options) {
+            if (candidate.name == name) option = &candidate;
+        }
+        if (option == nullptr) {
             m_error = "unknown option '--" + name + "'";
             return false;
         }
-        if (equals == std::string::npos) {
+        if (option->valueName.empty()) {
+            if (equals != std::string::npos) {
+                m_error = "option '--" + name + "' takes no value";
+                return false;
+            }
+        } else if (equals == std::string::npos) {
             if (i + 1 >= argc) {
                 m_error = "option '--" + name + "' needs a value";
                 return false;
@@ -59,6 +72,14 @@ void ArgParser::PrintHelp(FILE* out) const {
     }
     std::fprintf(out, "  %-22s %s\n\nexit codes: 0 success, 1 failure, 2 usage error\n", "--help",
                  "this text");
+}
+
+int ArgParser::UsageError(const std::string& message) const {
+    const size_t first = m_usage.find(' ');
+    const size_t second = first == std::string::npos ? first : m_usage.find(' ', first + 1);
+    std::fprintf(stderr, "%s: %s\n\n", m_usage.substr(0, second).c_str(), message.c_str());
+    PrintHelp(stderr);
+    return kExitUsage;
 }
 
 bool ArgParser::ParseSize(const std::string& text, uint64_t& bytes) {

@@ -281,40 +281,28 @@ int BenchMain(int argc, char** argv) {
     args.AddOption("round-trips", "N", "timed round trips per latency case (default 5000)");
     args.AddOption("json", "FILE", "also write every figure to FILE as JSON");
     args.AddOption("name", "NAME", "prefix of the socket names (default kelipc_bench_<pid>)");
-    auto usageError = [&args](const std::string& message) {
-        std::fprintf(stderr, "kelipc bench: %s\n\n", message.c_str());
-        args.PrintHelp(stderr);
-        return kExitUsage;
-    };
-    // --quick takes no value, which the option parser does not know: take it out first.
     BenchRunner::Config config;
-    std::vector<char*> rest;
-    for (int i = 0; i < argc; ++i) {
-        if (i > 0 && std::strcmp(argv[i], "--quick") == 0)
-            config.quick = true;
-        else
-            rest.push_back(argv[i]);
-    }
-    if (!args.Parse(static_cast<int>(rest.size()), rest.data())) return usageError(args.Error());
+    if (!args.Parse(argc, argv)) return args.UsageError(args.Error());
+    config.quick = args.Has("quick");
     if (args.HelpRequested()) {
         args.PrintHelp(stdout);
         return kExitOk;
     }
     uint64_t value = 0;
     if (!ArgParser::ParseSize(args.Get("repeat", "3"), value) || value > 100)
-        return usageError("invalid --repeat");
+        return args.UsageError("invalid --repeat");
     config.repeat = static_cast<int>(value);
     const uint64_t volume = config.quick ? kQuickVolume : kDefaultVolume;
     if (!ArgParser::ParseSize(args.Get("volume", std::to_string(volume)), config.volume) ||
         config.volume > (64ULL << 30))
-        return usageError("invalid --volume");
+        return args.UsageError("invalid --volume");
     const uint64_t trips = config.quick ? kQuickTrips : kDefaultTrips;
     if (!ArgParser::ParseSize(args.Get("round-trips", std::to_string(trips)), config.roundTrips) ||
         config.roundTrips > 100000000)
-        return usageError("invalid --round-trips");
+        return args.UsageError("invalid --round-trips");
     config.json = args.Get("json", "");
     config.name = args.Get("name", "kelipc_bench_" + std::to_string(getpid()));
-    if (config.name.empty()) return usageError("empty --name");
+    if (config.name.empty()) return args.UsageError("empty --name");
     if (!StopSignal::Install()) {
         std::perror("kelipc bench: sigaction");
         return kExitFailure;

@@ -238,29 +238,25 @@ int DemoMain(int argc, char** argv) {
     args.AddOption("name", "NAME", "socket name (default kelipc_demo_<pid>)");
     args.AddOption("block", "BYTES", "shared block per direction, at least 32768 (default 262144)");
     args.AddOption("transport", "KIND", "process, local or both (default both)");
-    auto usageError = [&args](const std::string& message) {
-        std::fprintf(stderr, "kelipc demo: %s\n\n", message.c_str());
-        args.PrintHelp(stderr);
-        return kExitUsage;
-    };
-    if (!args.Parse(argc, argv)) return usageError(args.Error());
+    if (!args.Parse(argc, argv)) return args.UsageError(args.Error());
     if (args.HelpRequested()) {
         args.PrintHelp(stdout);
         return kExitOk;
     }
     DemoRunner::Config config;
-    if (!ArgParser::ParseSize(args.Get("size", "256M"), config.size)) return usageError("invalid --size");
+    if (!ArgParser::ParseSize(args.Get("size", "256M"), config.size))
+        return args.UsageError("invalid --size");
     uint64_t block = 0;
     if (!args.Get("block", "").empty()) {
         if (!ArgParser::ParseSize(args.Get("block", ""), block) || block > INT_MAX)
-            return usageError("invalid --block");
+            return args.UsageError("invalid --block");
         config.block = static_cast<int>(block);
     }
     config.name = args.Get("name", "kelipc_demo_" + std::to_string(getpid()));
-    if (config.name.empty()) return usageError("empty --name");
+    if (config.name.empty()) return args.UsageError("empty --name");
     const std::string transport = args.Get("transport", "both");
     if (transport != "process" && transport != "local" && transport != "both")
-        return usageError("--transport must be process, local or both");
+        return args.UsageError("--transport must be process, local or both");
     config.process = transport != "local";
     config.local = transport != "process";
     if (!StopSignal::Install()) {

@@ -338,36 +338,31 @@ int SoakMain(int argc, char** argv) {
     args.AddOption("transport", "KIND", "process, local or both (default both)");
     args.AddOption("seed", "N", "seed of record lengths, transfer sizes and payloads (default 1)");
     args.AddOption("block", "BYTES", "shared block per direction, at least 32768 (default 262144)");
-    auto usageError = [&args](const std::string& message) {
-        std::fprintf(stderr, "kelipc soak: %s\n\n", message.c_str());
-        args.PrintHelp(stderr);
-        return kExitUsage;
-    };
-    if (!args.Parse(argc, argv)) return usageError(args.Error());
+    if (!args.Parse(argc, argv)) return args.UsageError(args.Error());
     if (args.HelpRequested()) {
         args.PrintHelp(stdout);
         return kExitOk;
     }
     SoakRunner::Config config;
-    if (!ArgParser::ParseSize(args.Get("size", "1G"), config.size)) return usageError("invalid --size");
+    if (!ArgParser::ParseSize(args.Get("size", "1G"), config.size)) return args.UsageError("invalid --size");
     const std::string time = args.Get("time", "0");
     char* end = nullptr;
     config.seconds = std::strtod(time.c_str(), &end);
     if (time.empty() || *end != '\0' || !std::isfinite(config.seconds) || config.seconds < 0 ||
         config.seconds > 1e9)
-        return usageError("invalid --time");
+        return args.UsageError("invalid --time");
     const std::string seed = args.Get("seed", "1");
     errno = 0;
     config.seed = std::strtoull(seed.c_str(), &end, 10);
     if (seed.empty() || !std::isdigit(static_cast<unsigned char>(seed[0])) || *end != '\0' || errno != 0)
-        return usageError("invalid --seed");
+        return args.UsageError("invalid --seed");
     uint64_t block = 262144;
     if (!ArgParser::ParseSize(args.Get("block", "262144"), block) || block < 32768 || block > (1u << 30))
-        return usageError("invalid --block (32768 to 1G)");
+        return args.UsageError("invalid --block (32768 to 1G)");
     config.block = static_cast<int>(block);
     const std::string transport = args.Get("transport", "both");
     if (transport != "process" && transport != "local" && transport != "both")
-        return usageError("--transport must be process, local or both");
+        return args.UsageError("--transport must be process, local or both");
     config.process = transport != "local";
     config.local = transport != "process";
     if (!StopSignal::Install()) {

@@ -381,56 +381,36 @@ int BridgeMain(KelSide side, int argc, char** argv) {
                    "shared block per direction, 32K to 1G, the same on both ends (default 256K)");
     args.AddOption("nonblock", "", "move bytes with non-blocking calls, polling, instead of blocking ones");
     args.AddOption("progress", "", "report bytes and rate on stderr about once a second");
-    auto usageError = [&](const std::string& message) {
-        std::fprintf(stderr, "kelipc %s: %s\n\n", command.c_str(), message.c_str());
-        args.PrintHelp(stderr);
-        return kExitUsage;
-    };
 
-    // ArgParser knows only options with a value: take the two switches and the socket name out first.
     StreamBridge::Config config;
     config.side = side;
     config.waitSeconds = server ? 0 : 10;
-    std::vector<char*> options{argv[0]};
-    std::vector<std::string> names;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (arg == "--nonblock") {
-            config.nonBlock = true;
-        } else if (arg == "--progress") {
-            config.progress = true;
-        } else if (arg == "--wait" || arg == "--block") {
-            options.push_back(argv[i]);
-            if (i + 1 < argc) options.push_back(argv[++i]);
-        } else if (!arg.empty() && arg[0] != '-') {
-            names.push_back(arg);
-        } else {
-            options.push_back(argv[i]);
-        }
-    }
-    if (!args.Parse(static_cast<int>(options.size()), options.data())) return usageError(args.Error());
+    args.AcceptPlainArguments();
+    if (!args.Parse(argc, argv)) return args.UsageError(args.Error());
+    config.nonBlock = args.Has("nonblock");
+    config.progress = args.Has("progress");
     if (args.HelpRequested()) {
         args.PrintHelp(stdout);
         return kExitOk;
     }
-    if (names.size() != 1) return usageError("expects exactly one socket NAME");
-    config.name = names[0];
+    if (args.PlainArguments().size() != 1) return args.UsageError("expects exactly one socket NAME");
+    config.name = args.PlainArguments()[0];
     // The name becomes part of shared-memory object names, where a slash is not allowed.
     if (config.name.find('/') != std::string::npos || config.name.size() > 200)
-        return usageError("NAME must have at most 200 characters and no '/'");
+        return args.UsageError("NAME must have at most 200 characters and no '/'");
     const std::string wait = args.Get("wait", "");
     if (!wait.empty()) {
         char* end = nullptr;
         config.waitSeconds = std::strtod(wait.c_str(), &end);
         if (*end != '\0' || !std::isfinite(config.waitSeconds) || config.waitSeconds < 0 ||
             config.waitSeconds > 1e9)
-            return usageError("invalid --wait");
+            return args.UsageError("invalid --wait");
     }
     const std::string block = args.Get("block", "");
     if (!block.empty()) {
         uint64_t bytes = 0;
         if (!ArgParser::ParseSize(block, bytes) || bytes < 32768 || bytes > (1u << 30))
-            return usageError("--block must be 32K to 1G");
+            return args.UsageError("--block must be 32K to 1G");
         config.block = static_cast<int>(bytes);
     }
     if (!StopSignal::Install()) {
