@@ -1,14 +1,19 @@
 #include "StopSignal.h"
 
 #include <pthread.h>
+
+#include <atomic>
 #include <csignal>
 
 namespace {
 
-volatile std::sig_atomic_t g_signal = 0;
+// The handler may run on any thread that has not blocked the signals yet (a transfer thread just
+// starting), while the supervisor polls: a lock-free atomic is both signal-safe and race-free there.
+std::atomic<int> g_signal{0};
+static_assert(std::atomic<int>::is_always_lock_free, "the signal flag must be lock-free");
 
 void OnSignal(int number) {
-    g_signal = number;
+    g_signal.store(number, std::memory_order_relaxed);
 }
 
 }  // namespace
@@ -25,11 +30,11 @@ bool StopSignal::Install() {
 }
 
 bool StopSignal::Requested() {
-    return g_signal != 0;
+    return g_signal.load(std::memory_order_relaxed) != 0;
 }
 
 int StopSignal::Number() {
-    return g_signal;
+    return g_signal.load(std::memory_order_relaxed);
 }
 
 void StopSignal::BlockInThisThread() {
