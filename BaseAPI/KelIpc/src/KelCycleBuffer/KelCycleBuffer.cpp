@@ -279,22 +279,26 @@ int KelCycleBuffer::BlockWrite(const char* data, int count) {
     int moved = 0;
     int left = count;
     for (;;) {
-        const int space = SpaceSize();
-        if (space < 0 || !Running()) return IPC_ERR_NOT_OPENED;
-        if (piece > space) {
-            if (SpinUntil([&] { return SpaceSize() >= piece || !p.IsRunning(); })) continue;
-            // No second semaphore for room: pause, and signal so that a sleeping reader drains the ring.
-            KelSleep(kWriterPauseMs);
-            const int rc = SemRelease();
-            if (rc != IPC_OK) return rc;
-        } else {
-            const int rc = NonblockWrite(data + moved, piece);
-            if (rc != piece) return rc;
+        // The write itself reads the reader's position: once per step, not again for a size test first.
+        const int rc = NonblockWrite(data + moved, piece);
+        if (rc == piece) {
             moved += piece;
             left -= piece;
             const int released = SemRelease();
             if (released != IPC_OK) return released;
             if (left <= 0) return moved == count ? moved : IPC_ERR_FAILED;
+        } else if (rc != 0) {
+            return rc;
+        } else {
+            // Too little room, or a header that gives none: the size test tells which.
+            const int space = SpaceSize();
+            if (space < 0 || !Running()) return IPC_ERR_NOT_OPENED;
+            if (piece > space && !SpinUntil([&] { return SpaceSize() >= piece || !p.IsRunning(); })) {
+                // No second semaphore for room: pause, and signal so that a sleeping reader drains the ring.
+                KelSleep(kWriterPauseMs);
+                const int released = SemRelease();
+                if (released != IPC_OK) return released;
+            }
         }
         piece = left < p.m_chunkSize ? left : p.m_chunkSize;
         if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
@@ -310,18 +314,20 @@ int KelCycleBuffer::BlockRead(char* buffer, int count) {
     int moved = 0;
     int left = count;
     for (;;) {
-        const int stored = DataSize();
-        if (stored < 0 || !Running()) return IPC_ERR_NOT_OPENED;
-        if (stored < piece) {
-            if (SpinUntil([&] { return DataSize() >= piece || !p.IsRunning(); })) continue;
-            const int rc = SemAcquire();
-            if (rc != IPC_OK) return rc;
-        } else {
-            const int rc = NonblockRead(buffer + moved, piece);
-            if (rc != piece) return rc;
+        const int rc = NonblockRead(buffer + moved, piece);
+        if (rc == piece) {
             left -= piece;
             moved += piece;
             if (left <= 0) return moved == count ? moved : IPC_ERR_FAILED;
+        } else if (rc != 0) {
+            return rc;
+        } else {
+            const int stored = DataSize();
+            if (stored < 0 || !Running()) return IPC_ERR_NOT_OPENED;
+            if (stored < piece && !SpinUntil([&] { return DataSize() >= piece || !p.IsRunning(); })) {
+                const int acquired = SemAcquire();
+                if (acquired != IPC_OK) return acquired;
+            }
         }
         piece = left < p.m_chunkSize ? left : p.m_chunkSize;
         if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
