@@ -1,11 +1,16 @@
 #include "KelCycleBuffer.h"
 
+#include <linux/futex.h>
+#include <sched.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <climits>
+#include <ctime>
 #include <mutex>
 
 #include "KelDateTime.h"
@@ -57,29 +62,86 @@ inline bool InBlock(int32_t len, int32_t areaLength, int32_t pos) {
     return len >= 1 && len <= areaLength && pos >= 0 && pos < len;
 }
 
-// A peer on another CPU usually answers within a few microseconds, while a sleep on the semaphore or in
-// KelSleep costs tens of microseconds to wake from. So a transfer that finds too little data or room
-// re-tests the ring for a short, bounded time first; past the bound it waits as before, so an idle
-// connection burns no CPU. With one CPU the peer cannot run while we spin, so we never do.
-constexpr auto kSpinBound = std::chrono::microseconds(30);
+// A peer on another CPU usually answers within a few microseconds, while a sleep costs a system call on
+// each side and tens of microseconds to wake from. So a transfer that finds too little data or room
+// re-tests the ring for a short, bounded time first. Spinning pays only while the peer can run beside
+// us and is moving: not when this thread is confined to the CPU where the peer last waited (it would
+// wait for our time slice), and not past a few microseconds in which the peer's position has not moved
+// (it is preempted, idle, or shares our CPU unknown to us). Past either bound the transfer sleeps, so an
+// idle connection burns no CPU.
+constexpr auto kSpinBound = std::chrono::microseconds(50);
+constexpr auto kStallBound = std::chrono::microseconds(10);
+// The affinity mask can change while a thread runs (programs pin their threads), so look again now and then.
+constexpr auto kAffinityRecheck = std::chrono::milliseconds(100);
 
-bool SpinningHelps() {
-    static const bool several = sysconf(_SC_NPROCESSORS_ONLN) > 1;
-    return several;
+bool ConfinedToOneCpu() {
+    thread_local bool checked = false;
+    thread_local bool confined = false;
+    thread_local std::chrono::steady_clock::time_point checkedAt;
+    const auto now = std::chrono::steady_clock::now();
+    if (!checked || now - checkedAt >= kAffinityRecheck) {
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        confined = sched_getaffinity(0, sizeof(set), &set) == 0 && CPU_COUNT(&set) == 1;
+        checked = true;
+        checkedAt = now;
+    }
+    return confined;
 }
 
+// Publishes the CPU this end waits on (plus one; 0 is unknown) and tells whether the peer, as far as its
+// own word says, can run beside us.
+bool PeerCanRunBeside(int32_t* ownCpu, const int32_t* peerCpu) {
+    const int cpu = sched_getcpu();
+    if (cpu < 0) return true;
+    __atomic_store_n(ownCpu, cpu + 1, __ATOMIC_RELAXED);
+    return !ConfinedToOneCpu() || __atomic_load_n(peerCpu, __ATOMIC_RELAXED) != cpu + 1;
+}
+
+// peerPos is the position the peer moves while it makes progress.
 template <typename Ready>
-bool SpinUntil(Ready ready) {
-    if (!SpinningHelps()) return false;
-    const auto deadline = std::chrono::steady_clock::now() + kSpinBound;
+bool SpinUntil(Ready ready, const int32_t& peerPos) {
+    auto now = std::chrono::steady_clock::now();
+    const auto deadline = now + kSpinBound;
+    auto stalledAt = now + kStallBound;
+    int32_t seen = LoadRelaxed(peerPos);
     for (;;) {
         for (int i = 0; i < 32; ++i) {
             if (ready()) return true;
             __builtin_ia32_pause();
         }
-        if (std::chrono::steady_clock::now() > deadline) return false;
+        now = std::chrono::steady_clock::now();
+        const int32_t position = LoadRelaxed(peerPos);
+        if (position != seen) {
+            seen = position;
+            stalledAt = now + kStallBound;
+        }
+        if (now > deadline || now > stalledAt) return false;
     }
 }
+
+// The wake-up handshake between two ends of ours lives in two words of the header's reserved area, each
+// on a cache line of its own (the README documents them with the ring format). A peer that follows only
+// the bare protocol never writes them, and a word left 0 makes this end behave exactly as that protocol
+// says: a writer signals after every piece, and nobody wakes a writer that waits for room, which then
+// pauses for the whole millisecond.
+//   reader word (header offset 832): 0: no reader of ours has taken part since the ring was (re)started;
+//     -1: a reader of ours takes part and is awake (it announces itself again before it sleeps);
+//     n > 0: it may be asleep on the semaphore until n bytes are stored.
+//   writer word (header offset 896): 0: no writer of ours waits; n > 0: one waits for n bytes of room.
+//   reader CPU (offset 836), writer CPU (offset 900): 0, or one more than the CPU where that end last
+//     started to wait; an end confined to that same CPU does not spin for the other.
+constexpr size_t kReaderWordOffset = 0;
+constexpr size_t kReaderCpuOffset = 4;
+constexpr size_t kWriterWordOffset = 64;
+constexpr size_t kWriterCpuOffset = 68;
+constexpr int32_t kReaderAwake = -1;
+static_assert(offsetof(KelCBHead, reserved) + kReaderWordOffset == 832, "reader word offset");
+static_assert(offsetof(KelCBHead, reserved) + kWriterWordOffset == 896, "writer word offset");
+
+// A writer that waits for room wants this much before it is woken (but writes as soon as a piece fits
+// when it wakes on its own): on a busy machine that turns a wake-up per piece into one per quarter ring.
+constexpr int32_t kRoomBatchDivisor = 4;
 
 inline bool Copy(char* dest, int64_t count, const char* src) {
     // A negative count converts to a size above the copy's limit and is refused there.
@@ -134,7 +196,116 @@ public:
     bool IsRunning() const { return m_head != nullptr && LoadAcquire(m_head->running) != 0; }
     // Attached to a block that a server has initialised; the run flag does not matter.
     bool Initialised() const { return m_head != nullptr && LoadRelaxed(m_head->dataLen) >= 1; }
+    bool HasSemaphore() const { return m_localSem != nullptr || m_systemSem != nullptr; }
+
+    int32_t* ReaderWord() const { return reinterpret_cast<int32_t*>(m_head->reserved + kReaderWordOffset); }
+    int32_t* WriterWord() const { return reinterpret_cast<int32_t*>(m_head->reserved + kWriterWordOffset); }
+    int32_t* ReaderCpu() const { return reinterpret_cast<int32_t*>(m_head->reserved + kReaderCpuOffset); }
+    int32_t* WriterCpu() const { return reinterpret_cast<int32_t*>(m_head->reserved + kWriterCpuOffset); }
+    // Bytes stored (or free) as the header says now; 0 when a corrupt length gives no ring.
+    int64_t Stored() const {
+        const int32_t len = LoadRelaxed(m_head->dataLen);
+        return len < 1 ? 0 : Used(len, LoadAcquire(m_head->writePos), LoadAcquire(m_head->readPos));
+    }
+    int64_t Room() const {
+        const int32_t len = LoadRelaxed(m_head->dataLen);
+        return len < 1 ? 0 : Free(len, LoadAcquire(m_head->writePos), LoadAcquire(m_head->readPos));
+    }
+
+    int WaitOnSemaphore();
+    int WakeReader(KelCycleBuffer& ring);
+    int SleepForData(KelCycleBuffer& ring, int piece);
+    void WakeWriter(bool anyRoom);
+    void SleepForRoom(int piece, int left);
+    void Futex(int32_t* word, int op, int32_t value, const timespec* timeout, const char* function);
 };
+
+// An in-process ring lives in private memory, where the cheaper process-private futex is enough.
+void KelCycleBufferPrivate::Futex(int32_t* word, int op, int32_t value, const timespec* timeout,
+                                  const char* function) {
+    if (m_systemSem == nullptr) op |= FUTEX_PRIVATE_FLAG;
+    const int err = errno;
+    const long rc = syscall(SYS_futex, word, op, value, timeout, nullptr, 0);
+    // A changed word, a timeout and a signal all mean the same to a waiter: test the ring again.
+    if (rc == -1 && errno != EAGAIN && errno != ETIMEDOUT && errno != EINTR) {
+        const int failed = errno;
+        KEL_IPC_LOG(kLogPath, function, "futex fail, rc=%d, errno=%d", static_cast<int>(rc), failed);
+        if ((op & FUTEX_CMD_MASK) == FUTEX_WAIT) KelSleep(kWriterPauseMs);  // pause as the bare protocol does
+    }
+    errno = err;
+}
+
+int KelCycleBufferPrivate::WaitOnSemaphore() {
+    if (m_localSem != nullptr) {
+        m_localSem->Acquire();
+        if (m_systemSem == nullptr) return IPC_OK;
+    } else if (m_systemSem == nullptr) {
+        return IPC_ERR_NOT_OPENED;
+    }
+    if (m_systemSem->Acquire() == IPC_OK) return IPC_OK;
+    // An interrupted wait counts as a wake-up: the caller tests the ring again.
+    return errno == EINTR || errno == EAGAIN ? IPC_OK : IPC_ERR_FAILED;
+}
+
+// Writer side, after a piece is published (or a pause for room): signals unless a reader of ours is
+// awake, or asleep until more bytes than the ring holds. The full fence orders our publication before
+// the load of the reader's word, as the reader orders its announcement before its re-test: one of the
+// two sides sees the other, so no wake-up is lost.
+int KelCycleBufferPrivate::WakeReader(KelCycleBuffer& ring) {
+    if (!HasSemaphore()) return IPC_ERR_NOT_OPENED;
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    int32_t* const word = ReaderWord();
+    int32_t state = __atomic_load_n(word, __ATOMIC_ACQUIRE);
+    if (state == kReaderAwake) return IPC_OK;
+    if (state > 0) {
+        if (Stored() < state) return IPC_OK;  // a later piece wakes it
+        // Claim the wake-up so that the following pieces do not signal again; a reader that changed its
+        // word meanwhile is signalled anyway, a spare signal being harmless.
+        __atomic_compare_exchange_n(word, &state, kReaderAwake, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED);
+    }
+    return ring.SemRelease();
+}
+
+// Reader side, instead of a bare wait on the semaphore.
+int KelCycleBufferPrivate::SleepForData(KelCycleBuffer& ring, int piece) {
+    if (!HasSemaphore()) return IPC_ERR_NOT_OPENED;
+    int32_t* const word = ReaderWord();
+    __atomic_store_n(word, piece, __ATOMIC_RELAXED);
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    int rc = IPC_OK;
+    if (ring.DataSize() < piece && IsRunning()) rc = WaitOnSemaphore();
+    __atomic_store_n(word, kReaderAwake, __ATOMIC_RELAXED);
+    return rc;
+}
+
+// Reader side, after it freed room: wakes a writer of ours that waits for that much (or for any room,
+// when the reader is about to leave and frees no more).
+void KelCycleBufferPrivate::WakeWriter(bool anyRoom) {
+    // A reader leaving its call has fenced after its last piece already, or freed nothing.
+    if (!anyRoom) __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    int32_t* const word = WriterWord();
+    int32_t need = __atomic_load_n(word, __ATOMIC_RELAXED);
+    if (need <= 0 || (!anyRoom && Room() < need)) return;
+    if (__atomic_compare_exchange_n(word, &need, 0, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED)) {
+        Futex(word, FUTEX_WAKE, 1, nullptr, "NonblockRead");
+    }
+}
+
+// Writer side, instead of the bare protocol's 1 ms pause: the same pause at most, ended early by a
+// reader of ours that frees room.
+void KelCycleBufferPrivate::SleepForRoom(int piece, int left) {
+    const int32_t len = LoadRelaxed(m_head->dataLen);
+    int32_t need = std::max(piece, std::min(left, len / kRoomBatchDivisor));
+    need = std::max(1, std::min(need, len - 1));
+    int32_t* const word = WriterWord();
+    __atomic_store_n(word, need, __ATOMIC_RELAXED);
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    if (Room() < piece && IsRunning()) {
+        const timespec pause{0, kWriterPauseMs * 1000000L};
+        Futex(word, FUTEX_WAIT, need, &pause, "BlockWrite");
+    }
+    __atomic_compare_exchange_n(word, &need, 0, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED);
+}
 
 KelCycleBuffer::KelCycleBuffer() : m_private(new KelCycleBufferPrivate) {}
 
@@ -222,6 +393,7 @@ int KelCycleBuffer::NonblockRead(char* buffer, int count) {
         return IPC_ERR_FAILED;
     }
     StoreRelease(head->readPos, static_cast<int32_t>(end % len));
+    p.WakeWriter(false);
     return count;
 }
 
@@ -251,15 +423,9 @@ KelCBHead* KelCycleBuffer::KelCBHeadPtr() {
 
 int KelCycleBuffer::SemAcquire() {
     KelCycleBufferPrivate& p = *m_private;
-    if (p.m_localSem != nullptr) {
-        p.m_localSem->Acquire();
-        if (p.m_systemSem == nullptr) return IPC_OK;
-    } else if (p.m_systemSem == nullptr) {
-        return IPC_ERR_NOT_OPENED;
-    }
-    if (p.m_systemSem->Acquire() == IPC_OK) return IPC_OK;
-    // An interrupted wait counts as a wake-up: the caller tests the ring again.
-    return errno == EINTR || errno == EAGAIN ? IPC_OK : IPC_ERR_FAILED;
+    // A reader that waits here itself takes no part in the handshake: writers signal every piece again.
+    if (p.m_head != nullptr) __atomic_store_n(p.ReaderWord(), 0, __ATOMIC_RELAXED);
+    return p.WaitOnSemaphore();
 }
 
 int KelCycleBuffer::SemRelease() {
@@ -284,8 +450,8 @@ int KelCycleBuffer::BlockWrite(const char* data, int count) {
         if (rc == piece) {
             moved += piece;
             left -= piece;
-            const int released = SemRelease();
-            if (released != IPC_OK) return released;
+            const int woken = p.WakeReader(*this);
+            if (woken != IPC_OK) return woken;
             if (left <= 0) return moved == count ? moved : IPC_ERR_FAILED;
         } else if (rc != 0) {
             return rc;
@@ -293,11 +459,13 @@ int KelCycleBuffer::BlockWrite(const char* data, int count) {
             // Too little room, or a header that gives none: the size test tells which.
             const int space = SpaceSize();
             if (space < 0 || !Running()) return IPC_ERR_NOT_OPENED;
-            if (piece > space && !SpinUntil([&] { return SpaceSize() >= piece || !p.IsRunning(); })) {
-                // No second semaphore for room: pause, and signal so that a sleeping reader drains the ring.
-                KelSleep(kWriterPauseMs);
-                const int released = SemRelease();
-                if (released != IPC_OK) return released;
+            if (piece > space &&
+                !(PeerCanRunBeside(p.WriterCpu(), p.ReaderCpu()) &&
+                  SpinUntil([&] { return SpaceSize() >= piece || !p.IsRunning(); }, p.m_head->readPos))) {
+                p.SleepForRoom(piece, left);
+                // As after the bare protocol's pause: a reader asleep on the semaphore drains the ring.
+                const int woken = p.WakeReader(*this);
+                if (woken != IPC_OK) return woken;
             }
         }
         piece = left < p.m_chunkSize ? left : p.m_chunkSize;
@@ -305,16 +473,14 @@ int KelCycleBuffer::BlockWrite(const char* data, int count) {
     }
 }
 
-int KelCycleBuffer::BlockRead(char* buffer, int count) {
-    KelCycleBufferPrivate& p = *m_private;
-    if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
-    if (count == 0) return 0;
-    if (count < 0) return IPC_ERR_FAILED;
+namespace {
+
+int ReadPieces(KelCycleBuffer& ring, KelCycleBufferPrivate& p, char* buffer, int count) {
     int piece = count < p.m_chunkSize ? count : p.m_chunkSize;
     int moved = 0;
     int left = count;
     for (;;) {
-        const int rc = NonblockRead(buffer + moved, piece);
+        const int rc = ring.NonblockRead(buffer + moved, piece);
         if (rc == piece) {
             left -= piece;
             moved += piece;
@@ -322,16 +488,38 @@ int KelCycleBuffer::BlockRead(char* buffer, int count) {
         } else if (rc != 0) {
             return rc;
         } else {
-            const int stored = DataSize();
-            if (stored < 0 || !Running()) return IPC_ERR_NOT_OPENED;
-            if (stored < piece && !SpinUntil([&] { return DataSize() >= piece || !p.IsRunning(); })) {
-                const int acquired = SemAcquire();
-                if (acquired != IPC_OK) return acquired;
+            const int stored = ring.DataSize();
+            if (stored < 0 || !ring.Running()) return IPC_ERR_NOT_OPENED;
+            if (stored < piece && !(PeerCanRunBeside(p.ReaderCpu(), p.WriterCpu()) &&
+                                    SpinUntil([&] { return ring.DataSize() >= piece || !p.IsRunning(); },
+                                              p.m_head->writePos))) {
+                const int slept = p.SleepForData(ring, piece);
+                if (slept != IPC_OK) return slept;
             }
         }
         piece = left < p.m_chunkSize ? left : p.m_chunkSize;
         if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
     }
+}
+
+}  // namespace
+
+int KelCycleBuffer::BlockRead(char* buffer, int count) {
+    KelCycleBufferPrivate& p = *m_private;
+    if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
+    if (count == 0) return 0;
+    if (count < 0) return IPC_ERR_FAILED;
+    // From the first blocking read on, this reader announces itself before every sleep, so writers of
+    // ours need not signal while it is awake, between its reads included.
+    // The word shares no line with the positions; storing only a change keeps it in the writer's cache.
+    int32_t* const word = p.ReaderWord();
+    if (__atomic_load_n(word, __ATOMIC_RELAXED) != kReaderAwake) {
+        __atomic_store_n(word, kReaderAwake, __ATOMIC_RELAXED);
+    }
+    const int rc = ReadPieces(*this, p, buffer, count);
+    // A writer waiting for more room than this call freed is not left to its pause.
+    p.WakeWriter(true);
+    return rc;
 }
 
 int KelCycleBuffer::Write(const char* data, int count) {
@@ -362,6 +550,11 @@ int KelCycleBuffer::Reset() {
     if (!p.Initialised()) return IPC_ERR_NOT_OPENED;
     StoreRelease(p.m_head->writePos, 0);
     StoreRelease(p.m_head->readPos, 0);
+    // The handshake starts over: until the ends announce themselves again, writers signal every piece.
+    __atomic_store_n(p.ReaderWord(), 0, __ATOMIC_RELAXED);
+    __atomic_store_n(p.WriterWord(), 0, __ATOMIC_RELAXED);
+    __atomic_store_n(p.ReaderCpu(), 0, __ATOMIC_RELAXED);
+    __atomic_store_n(p.WriterCpu(), 0, __ATOMIC_RELAXED);
     return IPC_OK;
 }
 
@@ -380,6 +573,8 @@ int KelCycleBuffer::Stop() {
     StoreRelease(p.m_head->running, 0);
     SemRelease();
     Reset();
+    // A writer of ours waiting for room sees the stop now rather than after its pause.
+    if (p.Initialised()) p.Futex(p.WriterWord(), FUTEX_WAKE, INT_MAX, nullptr, "Stop");
     for (int check = 0; check < kStopChecks; ++check) {
         KelSleep(kStopPauseMs);
         // Signal again: a reader may have gone back to sleep between the flag and its wait.
