@@ -89,13 +89,20 @@ bool ConfinedToOneCpu() {
     return confined;
 }
 
-// Publishes the CPU this end waits on (plus one; 0 is unknown) and tells whether the peer, as far as its
-// own word says, can run beside us.
-bool PeerCanRunBeside(int32_t* ownCpu, const int32_t* peerCpu) {
+// Publishes the CPU this end runs on, plus one (0 is unknown), storing only a change so that the word
+// stays in the peer's cache; returns it.
+int32_t PublishCpu(int32_t* ownCpu) {
     const int cpu = sched_getcpu();
-    if (cpu < 0) return true;
-    __atomic_store_n(ownCpu, cpu + 1, __ATOMIC_RELAXED);
-    return !ConfinedToOneCpu() || __atomic_load_n(peerCpu, __ATOMIC_RELAXED) != cpu + 1;
+    if (cpu < 0) return 0;
+    if (__atomic_load_n(ownCpu, __ATOMIC_RELAXED) != cpu + 1)
+        __atomic_store_n(ownCpu, cpu + 1, __ATOMIC_RELAXED);
+    return cpu + 1;
+}
+
+// Whether the peer, as far as its word says, can run beside us while we spin.
+bool PeerCanRunBeside(int32_t* ownCpu, const int32_t* peerCpu) {
+    const int32_t cpu = PublishCpu(ownCpu);
+    return cpu == 0 || !ConfinedToOneCpu() || __atomic_load_n(peerCpu, __ATOMIC_RELAXED) != cpu;
 }
 
 // peerPos is the position the peer moves while it makes progress.
@@ -130,7 +137,7 @@ bool SpinUntil(Ready ready, const int32_t& peerPos) {
 //     n > 0: it may be asleep on the semaphore until n bytes are stored.
 //   writer word (header offset 896): 0: no writer of ours waits; n > 0: one waits for n bytes of room.
 //   reader CPU (offset 836), writer CPU (offset 900): 0, or one more than the CPU where that end last
-//     started to wait; an end confined to that same CPU does not spin for the other.
+//     entered a blocking transfer; an end confined to that same CPU does not spin for the other.
 constexpr size_t kReaderWordOffset = 0;
 constexpr size_t kReaderCpuOffset = 4;
 constexpr size_t kWriterWordOffset = 64;
@@ -441,6 +448,7 @@ int KelCycleBuffer::BlockWrite(const char* data, int count) {
     if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
     if (count == 0) return 0;
     if (count < 0) return IPC_ERR_FAILED;
+    PublishCpu(p.WriterCpu());
     int piece = count < p.m_chunkSize ? count : p.m_chunkSize;
     int moved = 0;
     int left = count;
@@ -516,6 +524,7 @@ int KelCycleBuffer::BlockRead(char* buffer, int count) {
     if (__atomic_load_n(word, __ATOMIC_RELAXED) != kReaderAwake) {
         __atomic_store_n(word, kReaderAwake, __ATOMIC_RELAXED);
     }
+    PublishCpu(p.ReaderCpu());
     const int rc = ReadPieces(*this, p, buffer, count);
     // A writer waiting for more room than this call freed is not left to its pause.
     p.WakeWriter(true);
