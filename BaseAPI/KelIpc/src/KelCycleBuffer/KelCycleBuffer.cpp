@@ -157,9 +157,9 @@ inline void FullFence() {
 #endif
 }
 
-// A writer that waits for room wants this much before it is woken (but writes as soon as a piece fits
-// when it wakes on its own): on a busy machine that turns a wake-up per piece into one per quarter ring.
-constexpr int32_t kRoomBatchDivisor = 4;
+// A sleeping end asks to be woken only when a quarter of the ring is there for it (or all its call
+// still needs): on a busy machine that turns a wake-up per piece into one per quarter ring.
+constexpr int32_t kBatchDivisor = 4;
 
 inline bool Copy(char* dest, int64_t count, const char* src) {
     // A negative count converts to a size above the copy's limit and is refused there.
@@ -232,7 +232,8 @@ public:
 
     int WaitOnSemaphore();
     int WakeReader(KelCycleBuffer& ring);
-    int SleepForData(KelCycleBuffer& ring, int piece);
+    int SleepForData(KelCycleBuffer& ring, int piece, int left);
+    int32_t Batch(int piece, int left) const;
     void WakeWriter(bool anyRoom);
     void SleepForRoom(int piece, int left);
     void Futex(int32_t* word, int op, int32_t value, const timespec* timeout, const char* function);
@@ -285,10 +286,10 @@ int KelCycleBufferPrivate::WakeReader(KelCycleBuffer& ring) {
 }
 
 // Reader side, instead of a bare wait on the semaphore.
-int KelCycleBufferPrivate::SleepForData(KelCycleBuffer& ring, int piece) {
+int KelCycleBufferPrivate::SleepForData(KelCycleBuffer& ring, int piece, int left) {
     if (!HasSemaphore()) return IPC_ERR_NOT_OPENED;
     int32_t* const word = ReaderWord();
-    __atomic_store_n(word, piece, __ATOMIC_RELAXED);
+    __atomic_store_n(word, Batch(piece, left), __ATOMIC_RELAXED);
     FullFence();
     int rc = IPC_OK;
     if (ring.DataSize() < piece && IsRunning()) rc = WaitOnSemaphore();
@@ -311,10 +312,17 @@ void KelCycleBufferPrivate::WakeWriter(bool anyRoom) {
 
 // Writer side, instead of the bare protocol's 1 ms pause: the same pause at most, ended early by a
 // reader of ours that frees room.
-void KelCycleBufferPrivate::SleepForRoom(int piece, int left) {
+// What a sleeping end asks for before it is woken: its piece, or up to a quarter of the ring when the
+// call has that much still to move. It never asks for more than the call itself still needs, so the
+// other end never holds back what would complete it; when it wakes on its own, a piece is enough.
+int32_t KelCycleBufferPrivate::Batch(int piece, int left) const {
     const int32_t len = LoadRelaxed(m_head->dataLen);
-    int32_t need = std::max(piece, std::min(left, len / kRoomBatchDivisor));
-    need = std::max(1, std::min(need, len - 1));
+    const int32_t need = std::max(piece, std::min(left, len / kBatchDivisor));
+    return std::max(1, std::min(need, len - 1));
+}
+
+void KelCycleBufferPrivate::SleepForRoom(int piece, int left) {
+    int32_t need = Batch(piece, left);
     int32_t* const word = WriterWord();
     __atomic_store_n(word, need, __ATOMIC_RELAXED);
     FullFence();
@@ -512,7 +520,7 @@ int ReadPieces(KelCycleBuffer& ring, KelCycleBufferPrivate& p, char* buffer, int
             if (stored < piece && !(PeerCanRunBeside(p.ReaderCpu(), p.WriterCpu()) &&
                                     SpinUntil([&] { return ring.DataSize() >= piece || !p.IsRunning(); },
                                               p.m_head->writePos))) {
-                const int slept = p.SleepForData(ring, piece);
+                const int slept = p.SleepForData(ring, piece, left);
                 if (slept != IPC_OK) return slept;
             }
         }
