@@ -23,25 +23,27 @@ roff_verbatim() {
 }
 
 {
-    echo ".TH KELIPC 1 \"\" \"KelIpc $version\" \"User Commands\""
-    echo ".nh"
-    echo ".ad l"
-    echo ".SH NAME"
-    echo "kelipc \\- run, measure and operate KelIpc byte-stream channels"
-    echo ".SH SYNOPSIS"
-    echo ".B kelipc"
-    echo ".I command"
-    echo ".RI [ options ]"
-    echo ".br"
-    echo ".B kelipc"
-    echo ".I command"
-    echo ".B \\-\\-help"
-    echo ".br"
-    echo ".B kelipc \\-\\-version"
-    echo ".SH DESCRIPTION"
-    echo "KelIpc gives the processes and threads of one machine a duplex byte stream over shared-memory"
-    echo "rings. \\fBkelipc\\fR demonstrates and measures it, bridges it to standard input and output,"
-    echo "and inspects, stops, starts and removes the channels of running programs."
+    cat <<EOF
+.TH KELIPC 1 "" "KelIpc $version" "User Commands"
+.nh
+.ad l
+.SH NAME
+kelipc \- run, measure and operate KelIpc byte-stream channels
+.SH SYNOPSIS
+.B kelipc
+.I command
+.RI [ options ]
+.br
+.B kelipc
+.I command
+.B \-\-help
+.br
+.B kelipc \-\-version
+.SH DESCRIPTION
+KelIpc gives the processes and threads of one machine a duplex byte stream over shared-memory rings.
+\fBkelipc\fR demonstrates and measures it, bridges it to standard input and output, and inspects,
+stops, starts and removes the channels of running programs.
+EOF
     echo ".SH COMMANDS"
     while read -r name what; do
         echo ".TP"
@@ -67,11 +69,11 @@ roff_verbatim() {
     echo "_kelipc() {"
     echo "    local cur=\${COMP_WORDS[COMP_CWORD]} words="
     echo "    if [ \"\$COMP_CWORD\" -eq 1 ]; then"
-    echo "        words=\"$(echo $commands) --help --version\""
+    echo "        words=\"$(paste -sd' ' <<<"$commands") --help --version\""
     echo "    elif [[ \$cur == -* ]]; then"
     echo "        case \${COMP_WORDS[1]} in"
     for name in $commands; do
-        echo "        $name) words=\"$(echo $(options_of "$name"))\" ;;"
+        echo "        $name) words=\"$(options_of "$name" | paste -sd' ')\" ;;"
     done
     echo "        *) words= ;;"
     echo "        esac"

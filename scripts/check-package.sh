@@ -29,7 +29,9 @@ fi
 cmake --build "$build" -j"$jobs"
 cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/package" >/dev/null
 debs=("$work"/package/*.deb)
-[ "${#debs[@]}" -eq 1 ] && [ -f "${debs[0]}" ] || fail "cpack made no single .deb"
+if [ "${#debs[@]}" -ne 1 ] || [ ! -f "${debs[0]}" ]; then
+    fail "cpack made no .deb, or more than one"
+fi
 deb=${debs[0]}
 echo "$(basename "$deb"):"
 dpkg-deb -f "$deb"

@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2154  # $work and $jobs come from the sourcing script
 # Sourced by check-install.sh and check-package.sh, which define fail(), $work (a scratch folder) and
 # $jobs, and call examples_cleanup on exit. Checks what the two put into an installation PREFIX.
 
@@ -25,8 +26,9 @@ check_layout() {
     major=$("$prefix/bin/kelipc" --version | sed -n 's/^libKelIpc \([0-9]*\)\..*/\1/p')
     for library in KelIpc KelLogger KelDateTime; do
         local soname=lib$library.so.$major
-        [ -L "$prefix/lib/lib$library.so" ] && [ -L "$prefix/lib/$soname" ] && [ -f "$prefix/lib/$soname" ] ||
+        if [ ! -L "$prefix/lib/lib$library.so" ] || [ ! -L "$prefix/lib/$soname" ] || [ ! -f "$prefix/lib/$soname" ]; then
             fail "lib$library.so is not installed behind the links lib$library.so and $soname"
+        fi
         [[ $(readelf -d "$prefix/lib/lib$library.so") == *"Library soname: [$soname]"* ]] ||
             fail "lib$library.so does not carry the SONAME $soname"
     done
