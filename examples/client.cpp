@@ -6,7 +6,7 @@
 #include <thread>
 
 static int Fail(const char* what, int rc) {
-    std::fprintf(stderr, "client: %s failed, rc=%d\n", what, rc);
+    std::fprintf(stderr, "client: %s failed, rc=%d (%s)\n", what, rc, KelIpcStrError(rc));
     return 1;
 }
 

@@ -4,7 +4,7 @@
 #include <cstdio>
 
 static int Fail(const char* what, int rc) {
-    std::fprintf(stderr, "server: %s failed, rc=%d\n", what, rc);
+    std::fprintf(stderr, "server: %s failed, rc=%d (%s)\n", what, rc, KelIpcStrError(rc));
     return 1;
 }
 

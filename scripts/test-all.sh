@@ -23,5 +23,6 @@ UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
     run_suite build-tsan -DKELIPC_SANITIZE=thread
 scripts/check-install.sh
+scripts/check-package.sh
 scripts/fuzz.sh 60
 echo "all suites passed"

@@ -16,5 +16,6 @@ int StopMain(int argc, char** argv);
 int StartMain(int argc, char** argv);
 int CleanMain(int argc, char** argv);
 int SoakMain(int argc, char** argv);
+int VersionMain(int argc, char** argv);
 
 #endif  // KELIPC_TOOL_COMMANDS_H

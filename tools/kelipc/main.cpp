@@ -22,10 +22,14 @@ const Command kCommands[] = {
     {"start", StartMain, "start a stopped Process channel again (both rings are emptied)"},
     {"clean", CleanMain, "remove the segments and semaphore sets of an unused (or --force: any) channel"},
     {"soak", SoakMain, "long-run check of all transfer forms and modes on numbered, checksummed records"},
+    {"version", VersionMain, "print the versions of kelipc and of the libKelIpc it runs with"},
 };
 
 void PrintUsage(FILE* out) {
-    std::fprintf(out, "usage: kelipc <command> [options]\n       kelipc <command> --help\n\ncommands:\n");
+    std::fprintf(
+        out,
+        "usage: kelipc <command> [options]\n       kelipc <command> --help\n       kelipc --version\n\n"
+        "commands:\n");
     for (const Command& command : kCommands) std::fprintf(out, "  %-10s %s\n", command.name, command.help);
     std::fprintf(out, "\nexit codes: 0 success, 1 failure, 2 usage error\n");
 }
@@ -41,6 +45,7 @@ int main(int argc, char** argv) {
         PrintUsage(stdout);
         return kExitOk;
     }
+    if (!std::strcmp(argv[1], "--version")) return VersionMain(1, argv + 1);
     for (const Command& command : kCommands) {
         if (std::strcmp(argv[1], command.name) == 0) return command.run(argc - 1, argv + 1);
     }

@@ -13,6 +13,15 @@ constexpr int IPC_ERR_PARAM = -9998;       // an argument out of range
 constexpr int IPC_ERR_OPENED = -9997;      // already open, or the name is already registered
 constexpr int IPC_ERR_NOT_OPENED = -9996;  // not open, not attached, not running, or no peer
 
+// A short meaning of a result code, for messages beside the number: "success" for IPC_OK, a byte-count
+// meaning for any other non-negative value, "unknown result code" for a negative value not listed above.
+// Never null; the text is static, so any thread may call it.
+KELIPC_API const char* KelIpcStrError(int code);
+
+// The version libKelIpc was built as, "MAJOR.MINOR.PATCH"; compare it with KELIPC_VERSION_STRING from
+// KelIpcVersion.h to find a program running against another library than it was compiled with.
+KELIPC_API const char* KelIpcVersion();
+
 // Server creates and initialises the shared objects; Client attaches to them.
 enum KelSide : int32_t { Server = 0, Client = 1 };
 

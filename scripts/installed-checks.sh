@@ -1,0 +1,95 @@
+# shellcheck shell=bash disable=SC2154  # $work and $jobs come from the sourcing script
+# Sourced by check-install.sh and check-package.sh, which define fail(), $work (a scratch folder) and
+# $jobs, and call examples_cleanup on exit. Checks what the two put into an installation PREFIX.
+
+if ! command -v pkg-config >/dev/null 2>&1; then
+    if [ "$(id -u)" -eq 0 ]; then
+        apt-get install -y pkg-config
+    else
+        echo "pkg-config is missing; install it (apt-get install pkg-config) and run again" >&2
+        exit 1
+    fi
+fi
+
+# check_layout PREFIX: every file in its place, the libraries behind their SONAME links, no archive.
+check_layout() {
+    local prefix=$1 file library
+    for file in include/KelIpc/KelIpc.h include/KelIpc/KelIpcDefine.h include/KelIpc/KelIpcVersion.h \
+        include/KelIpc/KelLogger.h include/KelIpc/KelDateTime.h bin/kelipc lib/cmake/KelIpc/KelIpcConfig.cmake \
+        lib/cmake/KelIpc/KelIpcConfigVersion.cmake lib/cmake/KelIpc/KelIpcTargets.cmake lib/pkgconfig/kelipc.pc \
+        share/man/man1/kelipc.1.gz share/bash-completion/completions/kelipc share/doc/kelipc/LICENSE \
+        share/doc/kelipc/copyright; do
+        [ -e "$prefix/$file" ] || fail "$file is not installed"
+    done
+    "$prefix/bin/kelipc" --help >/dev/null || fail "the installed kelipc does not run"
+    local major
+    major=$("$prefix/bin/kelipc" --version | sed -n 's/^libKelIpc \([0-9]*\)\..*/\1/p')
+    for library in KelIpc KelLogger KelDateTime; do
+        local soname=lib$library.so.$major
+        if [ ! -L "$prefix/lib/lib$library.so" ] || [ ! -L "$prefix/lib/$soname" ] || [ ! -f "$prefix/lib/$soname" ]; then
+            fail "lib$library.so is not installed behind the links lib$library.so and $soname"
+        fi
+        [[ $(readelf -d "$prefix/lib/lib$library.so") == *"Library soname: [$soname]"* ]] ||
+            fail "lib$library.so does not carry the SONAME $soname"
+    done
+    [ -z "$(find "$prefix" -name '*.a')" ] || fail "a static archive was installed"
+    echo "layout OK"
+}
+
+# check_examples PREFIX LABEL: builds the examples against PREFIX once through its CMake package and once
+# through pkg-config alone, and runs each server and client pair.
+server_pid=
+examples_cleanup() {
+    if [ -n "$server_pid" ]; then
+        kill "$server_pid" 2>/dev/null || true
+        wait "$server_pid" 2>/dev/null || true
+    fi
+}
+
+# Starts the client only once the server has opened, so that it never meets a half-created channel.
+run_pair() {
+    local label=$1 dir=$2
+    local name=kelipc-check-$$-$label out=$work/$label
+    echo "=== run ($label)"
+    timeout 20 "$dir/server" "$name" >"$out-server.txt" 2>&1 &
+    server_pid=$!
+    for ((i = 0; i < 200; i++)); do
+        grep -q '^server: listening' "$out-server.txt" && break
+        kill -0 "$server_pid" 2>/dev/null || break
+        sleep 0.05
+    done
+    local client_rc=0 server_rc=0
+    timeout 20 "$dir/client" "$name" >"$out-client.txt" 2>&1 || client_rc=$?
+    wait "$server_pid" || server_rc=$?
+    server_pid=
+    cat "$out-server.txt" "$out-client.txt"
+    [ "$server_rc" -eq 0 ] || fail "$label: the server exited with $server_rc"
+    [ "$client_rc" -eq 0 ] || fail "$label: the client exited with $client_rc"
+    grep -qx 'client: got "hello, client"' "$out-client.txt" || fail "$label: the client printed no reply"
+    # The library logs only failures, so any other line means something went wrong on the way.
+    ! grep -v '^\(server\|client\): ' "$out-server.txt" "$out-client.txt" || fail "$label: unexpected output"
+    for segment in /dev/shm/*"$name"*; do
+        [ ! -e "$segment" ] || fail "$label: $segment was left behind"
+    done
+}
+
+check_examples() {
+    local prefix=$1 label=$2
+    echo "=== examples through find_package ($label)"
+    cmake -S examples -B "$work/$label-cmake" -DCMAKE_PREFIX_PATH="$prefix" \
+        -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror" >/dev/null
+    cmake --build "$work/$label-cmake" -j"$jobs"
+    run_pair "$label-cmake" "$work/$label-cmake"
+
+    echo "=== examples through pkg-config ($label)"
+    mkdir "$work/$label-pkgconfig"
+    local flags
+    flags=$(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --cflags --libs kelipc)
+    echo "pkg-config --cflags --libs kelipc: $flags"
+    for program in server client; do
+        # shellcheck disable=SC2086  # the flags are meant to split into words
+        g++ -std=c++17 -Wall -Wextra -Werror "examples/$program.cpp" -o "$work/$label-pkgconfig/$program" \
+            $flags -Wl,-rpath,"$prefix/lib"
+    done
+    run_pair "$label-pkgconfig" "$work/$label-pkgconfig"
+}
