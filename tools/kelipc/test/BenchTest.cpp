@@ -32,11 +32,3 @@ TEST(KelipcBench, ShortRunReportsEveryTransportAndLeavesNothingBehind) {
         EXPECT_FALSE(kt::SemExists(socket + "_XR_ssm")) << socket;
     }
 }
-
-TEST(KelipcBench, HelpAndUsageErrors) {
-    std::string out;
-    EXPECT_EQ(0, RunTool({"bench", "--help"}, "", &out));
-    EXPECT_NE(std::string::npos, out.find("--quick")) << out;
-    EXPECT_EQ(2, RunTool({"bench", "--repeat", "0"}, ""));
-    EXPECT_EQ(2, RunTool({"bench", "--volume", "lots"}, ""));
-}

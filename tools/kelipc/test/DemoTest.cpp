@@ -14,11 +14,3 @@ TEST(KelipcDemo, VerifiesBothTransportsAndLeavesNothingBehind) {
     EXPECT_FALSE(kt::ShmExists(name + "_XL_shm"));
     EXPECT_FALSE(kt::SemExists(name + "_XR_ssm"));
 }
-
-TEST(KelipcDemo, RejectsUnknownOptionsAsUsageErrors) {
-    EXPECT_EQ(2, RunTool({"demo", "--bogus", "1"}, ""));
-    EXPECT_EQ(2, RunTool({"nonsense"}, ""));
-    std::string out;
-    EXPECT_EQ(0, RunTool({"demo", "--help"}, "", &out));
-    EXPECT_NE(std::string::npos, out.find("--size")) << out;
-}

@@ -10,7 +10,7 @@
 
 #include "SoakParser.h"
 #include "SoakRecord.h"
-#include "StopSignal.h"
+#include "common/StopSignal.h"
 
 namespace {
 

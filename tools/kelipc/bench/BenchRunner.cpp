@@ -6,16 +6,17 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <memory>
 #include <utility>
 #include <vector>
 
-#include "ArgParser.h"
 #include "BenchCase.h"
 #include "BenchChecksum.h"
 #include "BenchWorker.h"
-#include "Commands.h"
-#include "PayloadPattern.h"
-#include "StopSignal.h"
+#include "common/Arguments.h"
+#include "common/Commands.h"
+#include "common/PayloadPattern.h"
+#include "common/StopSignal.h"
 
 using namespace std::chrono_literals;
 
@@ -139,7 +140,7 @@ int BenchRunner::Run() {
     }
     if (StopSignal::Requested()) {
         std::printf("verdict: INTERRUPTED\n");
-        return kExitFailure;
+        return kExitSignalBase + StopSignal::Number();
     }
     std::printf("verdict: %s\n", code == kExitOk ? "OK (every byte checked on both sides)" : "FAILED");
     return code;
@@ -265,47 +266,46 @@ void BenchRunner::Progress(const std::string& what) const {
     if (m_tty) std::fprintf(stderr, "\r\033[K[%d/%d] %s", m_caseIndex + 1, m_caseCount, what.c_str());
 }
 
-int BenchMain(int argc, char** argv) {
-    ArgParser args(
-        "kelipc bench [options]",
+CommandRun SetupBench(CLI::App& command) {
+    auto config = std::make_shared<BenchRunner::Config>();
+    command.footer(
         "Measures, side by side, streaming throughput for writes of 64 B, 4 KiB, 64 KiB and 1 MiB and\n"
         "64-byte round-trip latency through KelIpc (Process with default and 4 MiB blocks, Local\n"
         "between two threads), a pipe with a 1 MiB buffer and an AF_UNIX socket pair, each case in\n"
         "fresh processes with the two sides on two CPUs and every byte checked on both sides; and the\n"
         "CPU an idle KelIpc connection uses in one second.");
-    args.AddOption("quick", "",
-                   "smaller defaults: 32M per case, 1000 round trips (whole run well under 30 s)");
-    args.AddOption("repeat", "N", "runs of every case, reported as median and range (default 3)");
-    args.AddOption("volume", "BYTES",
-                   "timed bytes per stream case, 64-byte writes a sixteenth (default 256M)");
-    args.AddOption("round-trips", "N", "timed round trips per latency case (default 5000)");
-    args.AddOption("json", "FILE", "also write every figure to FILE as JSON");
-    args.AddOption("name", "NAME", "prefix of the socket names (default kelipc_bench_<pid>)");
-    BenchRunner::Config config;
-    if (!args.Parse(argc, argv)) return args.UsageError(args.Error());
-    config.quick = args.Has("quick");
-    if (args.HelpRequested()) {
-        args.PrintHelp(stdout);
-        return kExitOk;
-    }
-    uint64_t value = 0;
-    if (!ArgParser::ParseSize(args.Get("repeat", "3"), value) || value > 100)
-        return args.UsageError("invalid --repeat");
-    config.repeat = static_cast<int>(value);
-    const uint64_t volume = config.quick ? kQuickVolume : kDefaultVolume;
-    if (!ArgParser::ParseSize(args.Get("volume", std::to_string(volume)), config.volume) ||
-        config.volume > (64ULL << 30))
-        return args.UsageError("invalid --volume");
-    const uint64_t trips = config.quick ? kQuickTrips : kDefaultTrips;
-    if (!ArgParser::ParseSize(args.Get("round-trips", std::to_string(trips)), config.roundTrips) ||
-        config.roundTrips > 100000000)
-        return args.UsageError("invalid --round-trips");
-    config.json = args.Get("json", "");
-    config.name = args.Get("name", "kelipc_bench_" + std::to_string(getpid()));
-    if (config.name.empty()) return args.UsageError("empty --name");
-    if (!StopSignal::Install()) {
-        std::perror("kelipc bench: sigaction");
-        return kExitFailure;
-    }
-    return BenchRunner(std::move(config)).Run();
+    command.add_flag("--quick", config->quick,
+                     "smaller defaults: 32M per case, 1000 round trips (whole run well under 30 s)");
+    command
+        .add_option("--repeat", config->repeat,
+                    "runs of every case, reported as median and range, 1 to 100 "
+                    "(default 3)")
+        ->type_name("N")
+        ->check(Arguments::Count(1, 100));
+    CLI::Option* volume =
+        command
+            .add_option("--volume", config->volume,
+                        "timed bytes per stream case, 64K to 64G, 64-byte writes a sixteenth (default 256M)")
+            ->type_name("BYTES")
+            ->transform(Arguments::Size(64 << 10, 64ULL << 30));
+    CLI::Option* trips = command
+                             .add_option("--round-trips", config->roundTrips,
+                                         "timed round trips per latency case, 10 to "
+                                         "100000000 (default 5000)")
+                             ->type_name("N")
+                             ->check(Arguments::Count(10, 100000000));
+    command.add_option("--json", config->json, "also write every figure to FILE as JSON")
+        ->type_name("FILE")
+        ->check(Arguments::WritableFile());
+    Arguments::AddName(command, config->name, "prefix of the socket names (default kelipc_bench_<pid>)");
+    return [config, volume, trips] {
+        if (volume->count() == 0) config->volume = config->quick ? kQuickVolume : kDefaultVolume;
+        if (trips->count() == 0) config->roundTrips = config->quick ? kQuickTrips : kDefaultTrips;
+        if (config->name.empty()) config->name = "kelipc_bench_" + std::to_string(getpid());
+        if (!StopSignal::Install()) {
+            std::perror("kelipc bench: sigaction");
+            return kExitFailure;
+        }
+        return BenchRunner(*config).Run();
+    };
 }

@@ -1,5 +1,5 @@
 #include "BenchReport.h"
-#include "JsonText.h"
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cerrno>
@@ -20,15 +20,6 @@ std::string SizeText(uint64_t bytes) {
 std::string Format(const char* format, double a, double b) {
     char text[64];
     std::snprintf(text, sizeof text, format, a, b);
-    return text;
-}
-
-
-// A number, or null for a figure that could not be measured.
-std::string JsonNumber(double value, bool valid = true) {
-    if (!valid) return "null";
-    char text[32];
-    std::snprintf(text, sizeof text, "%.6g", value);
     return text;
 }
 
@@ -205,90 +196,86 @@ void BenchReport::Print(FILE* out) const {
 }
 
 bool BenchReport::WriteJson(const std::string& path, std::string& error) const {
+    using Json = nlohmann::ordered_json;
+    // A figure that could not be measured is null.
+    auto number = [](double value, bool valid) { return valid ? Json(value) : Json(nullptr); };
+    const Settings& s = m_settings;
+    Json json = {{"tool", "kelipc bench"},
+                 {"settings",
+                  {{"repeat", s.repeat},
+                   {"quick", s.quick},
+                   {"volume_bytes", s.volume},
+                   {"small_write_volume_bytes", s.smallVolume},
+                   {"round_trips", s.roundTrips},
+                   {"warm_round_trips", s.warmTrips},
+                   {"idle_seconds", s.idleSeconds},
+                   {"cpu_reader", s.cpuA},
+                   {"cpu_writer", s.cpuB},
+                   {"checker_gbps", s.checkerGBps}}}};
+    Json& stream = json["stream"] = Json::array();
+    for (const BenchStreamRow& row : m_stream) {
+        const Summary mbps = Of(row, [](const BenchStreamSample& x) { return x.mbps; });
+        const double ratio = row.kelIpc ? StreamRatio(row) : 0;
+        Json runs = Json::array();
+        for (const BenchStreamSample& x : row.samples)
+            runs.push_back({{"mbps", x.mbps},
+                            {"seconds", x.seconds},
+                            {"cpu_writer_s", x.cpuWriter},
+                            {"cpu_reader_s", x.cpuReader},
+                            {"cpu_children_s", x.cpuChildren}});
+        stream.push_back({{"transport", row.transport},
+                          {"kelipc", row.kelIpc},
+                          {"write_bytes", row.writeSize},
+                          {"bytes", row.bytes},
+                          {"kernel_buffer", row.kernelBuffer},
+                          {"median_mbps", number(mbps.median, mbps.valid)},
+                          {"min_mbps", number(mbps.min, mbps.valid)},
+                          {"max_mbps", number(mbps.max, mbps.valid)},
+                          {"ratio_to_best_kernel", number(ratio, ratio > 0)},
+                          {"failures", row.failures},
+                          {"runs", runs}});
+    }
+    Json& latency = json["latency"] = Json::array();
+    for (const BenchLatencyRow& row : m_latency) {
+        const Summary p50 = Of(row, [](const BenchLatencySample& x) { return x.p50us; });
+        const Summary p99 = Of(row, [](const BenchLatencySample& x) { return x.p99us; });
+        const double ratio50 = row.kelIpc ? LatencyRatio(row, false) : 0;
+        const double ratio99 = row.kelIpc ? LatencyRatio(row, true) : 0;
+        Json runs = Json::array();
+        for (const BenchLatencySample& x : row.samples)
+            runs.push_back({{"p50_us", x.p50us},
+                            {"p99_us", x.p99us},
+                            {"cpu_pinger_s", x.cpuPinger},
+                            {"cpu_echo_s", x.cpuEcho},
+                            {"cpu_children_s", x.cpuChildren}});
+        latency.push_back({{"transport", row.transport},
+                           {"kelipc", row.kelIpc},
+                           {"message_bytes", 64},
+                           {"median_p50_us", number(p50.median, p50.valid)},
+                           {"min_p50_us", number(p50.min, p50.valid)},
+                           {"max_p50_us", number(p50.max, p50.valid)},
+                           {"median_p99_us", number(p99.median, p99.valid)},
+                           {"min_p99_us", number(p99.min, p99.valid)},
+                           {"max_p99_us", number(p99.max, p99.valid)},
+                           {"ratio_p50_to_best_kernel", number(ratio50, ratio50 > 0)},
+                           {"ratio_p99_to_best_kernel", number(ratio99, ratio99 > 0)},
+                           {"failures", row.failures},
+                           {"runs", runs}});
+    }
+    Json idle = Json::array();
+    for (const BenchIdleSample& x : m_idle)
+        idle.push_back(
+            {{"seconds", x.seconds}, {"cpu_reader_s", x.cpuReader}, {"cpu_writer_s", x.cpuWriter}});
+    json["idle"] = {{"transport", "kelipc-process"}, {"seconds", s.idleSeconds}, {"runs", idle}};
+    json["failures"] = m_failures;
+    json["verdict"] = Failed() ? "FAILED" : "OK";
     FILE* const out = std::fopen(path.c_str(), "w");
     if (out == nullptr) {
         error = path + ": " + std::strerror(errno);
         return false;
     }
-    const Settings& s = m_settings;
-    std::fprintf(out, "{\n  \"tool\": \"kelipc bench\",\n  \"settings\": {\"repeat\": %d, \"quick\": %s, ",
-                 s.repeat, s.quick ? "true" : "false");
-    std::fprintf(out,
-                 "\"volume_bytes\": %llu, \"small_write_volume_bytes\": %llu, \"round_trips\": %llu, "
-                 "\"warm_round_trips\": %llu, \"idle_seconds\": %s, \"cpu_reader\": %d, \"cpu_writer\": %d, "
-                 "\"checker_gbps\": %s},\n",
-                 static_cast<unsigned long long>(s.volume), static_cast<unsigned long long>(s.smallVolume),
-                 static_cast<unsigned long long>(s.roundTrips), static_cast<unsigned long long>(s.warmTrips),
-                 JsonNumber(s.idleSeconds).c_str(), s.cpuA, s.cpuB, JsonNumber(s.checkerGBps).c_str());
-
-    std::fprintf(out, "  \"stream\": [");
-    for (size_t i = 0; i < m_stream.size(); ++i) {
-        const BenchStreamRow& row = m_stream[i];
-        const Summary mbps = Of(row, [](const BenchStreamSample& x) { return x.mbps; });
-        const double ratio = row.kelIpc ? StreamRatio(row) : 0;
-        std::fprintf(out,
-                     "%s\n    {\"transport\": %s, \"kelipc\": %s, \"write_bytes\": %llu, \"bytes\": %llu, "
-                     "\"kernel_buffer\": %d, \"median_mbps\": %s, \"min_mbps\": %s, \"max_mbps\": %s, "
-                     "\"ratio_to_best_kernel\": %s, \"failures\": %d, \"runs\": [",
-                     i ? "," : "", JsonString(row.transport).c_str(), row.kelIpc ? "true" : "false",
-                     static_cast<unsigned long long>(row.writeSize),
-                     static_cast<unsigned long long>(row.bytes), row.kernelBuffer,
-                     JsonNumber(mbps.median, mbps.valid).c_str(), JsonNumber(mbps.min, mbps.valid).c_str(),
-                     JsonNumber(mbps.max, mbps.valid).c_str(), JsonNumber(ratio, ratio > 0).c_str(),
-                     row.failures);
-        for (size_t j = 0; j < row.samples.size(); ++j) {
-            const BenchStreamSample& x = row.samples[j];
-            std::fprintf(out,
-                         "%s{\"mbps\": %s, \"seconds\": %s, \"cpu_writer_s\": %s, \"cpu_reader_s\": %s, "
-                         "\"cpu_children_s\": %s}",
-                         j ? ", " : "", JsonNumber(x.mbps).c_str(), JsonNumber(x.seconds).c_str(),
-                         JsonNumber(x.cpuWriter).c_str(), JsonNumber(x.cpuReader).c_str(),
-                         JsonNumber(x.cpuChildren).c_str());
-        }
-        std::fprintf(out, "]}");
-    }
-    std::fprintf(out, "\n  ],\n  \"latency\": [");
-    for (size_t i = 0; i < m_latency.size(); ++i) {
-        const BenchLatencyRow& row = m_latency[i];
-        const Summary p50 = Of(row, [](const BenchLatencySample& x) { return x.p50us; });
-        const Summary p99 = Of(row, [](const BenchLatencySample& x) { return x.p99us; });
-        const double ratio50 = row.kelIpc ? LatencyRatio(row, false) : 0;
-        const double ratio99 = row.kelIpc ? LatencyRatio(row, true) : 0;
-        std::fprintf(
-            out,
-            "%s\n    {\"transport\": %s, \"kelipc\": %s, \"message_bytes\": 64, \"median_p50_us\": %s, "
-            "\"min_p50_us\": %s, \"max_p50_us\": %s, \"median_p99_us\": %s, \"min_p99_us\": %s, "
-            "\"max_p99_us\": %s, \"ratio_p50_to_best_kernel\": %s, \"ratio_p99_to_best_kernel\": %s, "
-            "\"failures\": %d, \"runs\": [",
-            i ? "," : "", JsonString(row.transport).c_str(), row.kelIpc ? "true" : "false",
-            JsonNumber(p50.median, p50.valid).c_str(), JsonNumber(p50.min, p50.valid).c_str(),
-            JsonNumber(p50.max, p50.valid).c_str(), JsonNumber(p99.median, p99.valid).c_str(),
-            JsonNumber(p99.min, p99.valid).c_str(), JsonNumber(p99.max, p99.valid).c_str(),
-            JsonNumber(ratio50, ratio50 > 0).c_str(), JsonNumber(ratio99, ratio99 > 0).c_str(), row.failures);
-        for (size_t j = 0; j < row.samples.size(); ++j) {
-            const BenchLatencySample& x = row.samples[j];
-            std::fprintf(out,
-                         "%s{\"p50_us\": %s, \"p99_us\": %s, \"cpu_pinger_s\": %s, \"cpu_echo_s\": %s, "
-                         "\"cpu_children_s\": %s}",
-                         j ? ", " : "", JsonNumber(x.p50us).c_str(), JsonNumber(x.p99us).c_str(),
-                         JsonNumber(x.cpuPinger).c_str(), JsonNumber(x.cpuEcho).c_str(),
-                         JsonNumber(x.cpuChildren).c_str());
-        }
-        std::fprintf(out, "]}");
-    }
-    std::fprintf(out, "\n  ],\n  \"idle\": {\"transport\": \"kelipc-process\", \"seconds\": %s, \"runs\": [",
-                 JsonNumber(s.idleSeconds).c_str());
-    for (size_t j = 0; j < m_idle.size(); ++j) {
-        const BenchIdleSample& x = m_idle[j];
-        std::fprintf(out, "%s{\"seconds\": %s, \"cpu_reader_s\": %s, \"cpu_writer_s\": %s}", j ? ", " : "",
-                     JsonNumber(x.seconds).c_str(), JsonNumber(x.cpuReader).c_str(),
-                     JsonNumber(x.cpuWriter).c_str());
-    }
-    std::fprintf(out, "]},\n  \"failures\": [");
-    for (size_t i = 0; i < m_failures.size(); ++i)
-        std::fprintf(out, "%s%s", i ? ", " : "", JsonString(m_failures[i]).c_str());
-    std::fprintf(out, "],\n  \"verdict\": \"%s\"\n}\n", Failed() ? "FAILED" : "OK");
-    const bool written = std::ferror(out) == 0;
+    const std::string text = json.dump(2) + "\n";
+    const bool written = std::fwrite(text.data(), 1, text.size(), out) == text.size();
     if (std::fclose(out) != 0 || !written) {
         error = path + ": write failed";
         return false;

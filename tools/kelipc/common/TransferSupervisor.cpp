@@ -1,4 +1,4 @@
-#include "TransferSupervisor.h"
+#include "common/TransferSupervisor.h"
 
 #include <KelIpc.h>
 #include <signal.h>
@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <thread>
 
-#include "Commands.h"
+#include "common/Commands.h"
 
 using Clock = std::chrono::steady_clock;
 

@@ -1,4 +1,4 @@
-#include "PayloadPattern.h"
+#include "common/PayloadPattern.h"
 
 #include <algorithm>
 #include <cstring>

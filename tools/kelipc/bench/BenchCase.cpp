@@ -13,8 +13,8 @@
 #include <thread>
 #include <utility>
 
-#include "Commands.h"
-#include "StopSignal.h"
+#include "common/Commands.h"
+#include "common/StopSignal.h"
 
 using namespace std::chrono_literals;
 

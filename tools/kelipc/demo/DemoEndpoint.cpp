@@ -7,8 +7,8 @@
 #include <cstring>
 #include <vector>
 
-#include "PayloadPattern.h"
-#include "StopSignal.h"
+#include "common/PayloadPattern.h"
+#include "common/StopSignal.h"
 
 namespace {
 

@@ -13,13 +13,14 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <thread>
 #include <utility>
 
-#include "ArgParser.h"
-#include "Commands.h"
-#include "StopSignal.h"
-#include "TransferSupervisor.h"
+#include "common/Arguments.h"
+#include "common/Commands.h"
+#include "common/StopSignal.h"
+#include "common/TransferSupervisor.h"
 
 using namespace std::chrono_literals;
 
@@ -86,7 +87,7 @@ int SoakRunner::Run() {
                 std::chrono::duration<double>(Clock::now() - begin).count());
     if (StopSignal::Requested()) {
         std::printf("verdict: INTERRUPTED\n");
-        return kExitFailure;
+        return kExitSignalBase + StopSignal::Number();
     }
     std::printf("verdict: %s\n", ok ? "OK" : "FAILED");
     return ok ? kExitOk : kExitFailure;
@@ -325,49 +326,38 @@ bool SoakRunner::Report(const std::string& run, const char* direction, const Soa
     return result.verdict == kSoakOk;
 }
 
-int SoakMain(int argc, char** argv) {
-    ArgParser args(
-        "kelipc soak [options]",
+CommandRun SetupSoak(CLI::App& command) {
+    auto config = std::make_shared<SoakRunner::Config>();
+    auto transport = std::make_shared<std::string>("both");
+    command.footer(
         "Long-run check of the byte stream: for each transport and for the Block and NonBlock modes,\n"
         "streams numbered, checksummed records both ways at once in writes and reads of random sizes,\n"
         "cycling through Write/BlockWrite/NonBlockWrite and Read/BlockRead/NonBlockRead, and stops at\n"
         "the first record lost, duplicated, reordered or corrupted. Reports each run and a verdict.");
-    args.AddOption("size", "BYTES", "record bytes per direction per run; suffix K, M or G (default 1G)");
-    args.AddOption("time", "SECONDS",
-                   "end each run after this long if the size is not reached (default 0: none)");
-    args.AddOption("transport", "KIND", "process, local or both (default both)");
-    args.AddOption("seed", "N", "seed of record lengths, transfer sizes and payloads (default 1)");
-    args.AddOption("block", "BYTES", "shared block per direction, at least 32768 (default 262144)");
-    if (!args.Parse(argc, argv)) return args.UsageError(args.Error());
-    if (args.HelpRequested()) {
-        args.PrintHelp(stdout);
-        return kExitOk;
-    }
-    SoakRunner::Config config;
-    if (!ArgParser::ParseSize(args.Get("size", "1G"), config.size)) return args.UsageError("invalid --size");
-    const std::string time = args.Get("time", "0");
-    char* end = nullptr;
-    config.seconds = std::strtod(time.c_str(), &end);
-    if (time.empty() || *end != '\0' || !std::isfinite(config.seconds) || config.seconds < 0 ||
-        config.seconds > 1e9)
-        return args.UsageError("invalid --time");
-    const std::string seed = args.Get("seed", "1");
-    errno = 0;
-    config.seed = std::strtoull(seed.c_str(), &end, 10);
-    if (seed.empty() || !std::isdigit(static_cast<unsigned char>(seed[0])) || *end != '\0' || errno != 0)
-        return args.UsageError("invalid --seed");
-    uint64_t block = 262144;
-    if (!ArgParser::ParseSize(args.Get("block", "262144"), block) || block < 32768 || block > (1u << 30))
-        return args.UsageError("invalid --block (32768 to 1G)");
-    config.block = static_cast<int>(block);
-    const std::string transport = args.Get("transport", "both");
-    if (transport != "process" && transport != "local" && transport != "both")
-        return args.UsageError("--transport must be process, local or both");
-    config.process = transport != "local";
-    config.local = transport != "process";
-    if (!StopSignal::Install()) {
-        std::perror("kelipc soak: sigaction");
-        return kExitFailure;
-    }
-    return SoakRunner(std::move(config)).Run();
+    command
+        .add_option("--size", config->size, "record bytes per direction per run, 1K to 1024G (default 1G)")
+        ->type_name("BYTES")
+        ->transform(Arguments::Size(1 << 10, 1ULL << 40));
+    command
+        .add_option("--time", config->seconds,
+                    "end each run after this long if the size is not reached; 0: no limit (default)")
+        ->type_name("SECONDS")
+        ->check(Arguments::Seconds(0, 1e7));
+    command.add_option("--transport", *transport, "process, local or both (default both)")
+        ->type_name("KIND")
+        ->check(Arguments::OneOf({"process", "local", "both"}));
+    command
+        .add_option("--seed", config->seed, "seed of record lengths, transfer sizes and payloads (default 1)")
+        ->type_name("N")
+        ->check(Arguments::Count(0, UINT64_MAX));
+    Arguments::AddBlock(command, config->block);
+    return [config, transport] {
+        config->process = *transport != "local";
+        config->local = *transport != "process";
+        if (!StopSignal::Install()) {
+            std::perror("kelipc soak: sigaction");
+            return kExitFailure;
+        }
+        return SoakRunner(*config).Run();
+    };
 }

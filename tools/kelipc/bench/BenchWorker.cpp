@@ -14,7 +14,7 @@
 
 #include "BenchChecksum.h"
 #include "BenchTransport.h"
-#include "PayloadPattern.h"
+#include "common/PayloadPattern.h"
 
 namespace {
 

@@ -10,14 +10,15 @@
 #include <climits>
 #include <csignal>
 #include <cstdio>
+#include <memory>
 #include <thread>
 #include <utility>
 
-#include "ArgParser.h"
-#include "Commands.h"
-#include "DemoEndpoint.h"
-#include "StopSignal.h"
-#include "TransferSupervisor.h"
+#include "common/Arguments.h"
+#include "common/Commands.h"
+#include "common/StopSignal.h"
+#include "common/TransferSupervisor.h"
+#include "demo/DemoEndpoint.h"
 
 using namespace std::chrono_literals;
 
@@ -50,7 +51,7 @@ int DemoRunner::Run() {
     if (m_config.local && !StopSignal::Requested()) ok = RunLocal() && ok;
     if (StopSignal::Requested()) {
         std::printf("verdict: INTERRUPTED\n");
-        return 128 + StopSignal::Number();
+        return kExitSignalBase + StopSignal::Number();
     }
     std::printf("verdict: %s\n", ok ? "OK" : "FAILED");
     return ok ? kExitOk : kExitFailure;
@@ -229,39 +230,30 @@ bool DemoRunner::Report(const char* transport, const char* direction, const Dire
     return result.verdict == kVerdictOk;
 }
 
-int DemoMain(int argc, char** argv) {
-    ArgParser args("kelipc demo [options]",
-                   "Streams a seeded payload both ways over one socket, between two processes (transport\n"
-                   "Process) and between two threads (transport Local), checks every byte and its checksum,\n"
-                   "and reports bytes, time, throughput and a verdict per direction.");
-    args.AddOption("size", "BYTES", "payload per direction; suffix K, M or G allowed (default 256M)");
-    args.AddOption("name", "NAME", "socket name (default kelipc_demo_<pid>)");
-    args.AddOption("block", "BYTES", "shared block per direction, at least 32768 (default 262144)");
-    args.AddOption("transport", "KIND", "process, local or both (default both)");
-    if (!args.Parse(argc, argv)) return args.UsageError(args.Error());
-    if (args.HelpRequested()) {
-        args.PrintHelp(stdout);
-        return kExitOk;
-    }
-    DemoRunner::Config config;
-    if (!ArgParser::ParseSize(args.Get("size", "256M"), config.size))
-        return args.UsageError("invalid --size");
-    uint64_t block = 0;
-    if (!args.Get("block", "").empty()) {
-        if (!ArgParser::ParseSize(args.Get("block", ""), block) || block > INT_MAX)
-            return args.UsageError("invalid --block");
-        config.block = static_cast<int>(block);
-    }
-    config.name = args.Get("name", "kelipc_demo_" + std::to_string(getpid()));
-    if (config.name.empty()) return args.UsageError("empty --name");
-    const std::string transport = args.Get("transport", "both");
-    if (transport != "process" && transport != "local" && transport != "both")
-        return args.UsageError("--transport must be process, local or both");
-    config.process = transport != "local";
-    config.local = transport != "process";
-    if (!StopSignal::Install()) {
-        std::perror("kelipc demo: sigaction");
-        return kExitFailure;
-    }
-    return DemoRunner(std::move(config)).Run();
+CommandRun SetupDemo(CLI::App& command) {
+    auto config = std::make_shared<DemoRunner::Config>();
+    auto transport = std::make_shared<std::string>("both");
+    config->size = 256 << 20;
+    command.footer(
+        "Streams a seeded payload both ways over one socket, between two processes (transport Process)\n"
+        "and between two threads (transport Local), checks every byte, and reports bytes, time,\n"
+        "throughput and a verdict per direction.");
+    command.add_option("--size", config->size, "payload per direction, 1 to 16G (default 256M)")
+        ->type_name("BYTES")
+        ->transform(Arguments::Size(1, 16ULL << 30));
+    Arguments::AddName(command, config->name, "socket name (default kelipc_demo_<pid>)");
+    Arguments::AddBlock(command, config->block);
+    command.add_option("--transport", *transport, "process, local or both (default both)")
+        ->type_name("KIND")
+        ->check(Arguments::OneOf({"process", "local", "both"}));
+    return [config, transport] {
+        if (config->name.empty()) config->name = "kelipc_demo_" + std::to_string(getpid());
+        config->process = *transport != "local";
+        config->local = *transport != "process";
+        if (!StopSignal::Install()) {
+            std::perror("kelipc demo: sigaction");
+            return kExitFailure;
+        }
+        return DemoRunner(*config).Run();
+    };
 }

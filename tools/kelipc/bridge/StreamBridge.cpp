@@ -10,12 +10,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <utility>
 #include <vector>
 
-#include "ArgParser.h"
-#include "Commands.h"
-#include "StopSignal.h"
+#include "common/Arguments.h"
+#include "common/Commands.h"
+#include "common/StopSignal.h"
 
 using namespace std::chrono_literals;
 
@@ -65,7 +66,7 @@ int StreamBridge::Run() {
     if (!Connect()) {
         m_socket.Close();
         m_marks.Close();
-        return StopSignal::Requested() ? 128 + StopSignal::Number() : kExitFailure;
+        return StopSignal::Requested() ? kExitSignalBase + StopSignal::Number() : kExitFailure;
     }
     m_start = m_lastReport = Clock::now();
     m_active = 2;
@@ -294,7 +295,7 @@ int StreamBridge::Finish() {
 }
 
 int StreamBridge::Abort() {
-    const int code = StopSignal::Requested() ? 128 + StopSignal::Number() : kExitFailure;
+    const int code = StopSignal::Requested() ? kExitSignalBase + StopSignal::Number() : kExitFailure;
     m_quit = true;
     m_socket.Stop();
     // Stop releases every blocked transfer of both ends; a call still inside after that cannot be closed
@@ -363,69 +364,47 @@ void StreamBridge::ReportProgress(bool final) {
 
 namespace {
 
-int BridgeMain(KelSide side, int argc, char** argv) {
+CommandRun SetupBridge(KelSide side, CLI::App& command) {
     const bool server = side == Server;
-    const std::string command = server ? "serve" : "connect";
-    ArgParser args(
-        "kelipc " + command + " NAME [options]",
+    auto config = std::make_shared<StreamBridge::Config>();
+    config->side = side;
+    config->waitSeconds = server ? 0 : 10;
+    command.footer(
         server ? "Opens the server end of socket NAME (transport Process) and waits for `kelipc connect\n"
                  "NAME`. Then it copies the client's bytes to stdout and stdin to the client, until both\n"
-                 "inputs have ended and each end holds every byte the other sent."
+                 "inputs have ended and each end holds every byte the other sent. Give it an input that\n"
+                 "ends (a file, a pipe, or < /dev/null): a terminal's input ends only with Ctrl-D."
                : "Opens the client end of socket NAME, waiting for its `kelipc serve NAME`. Then it copies\n"
                  "stdin to the server and the server's bytes to stdout, until both inputs have ended and\n"
                  "each end holds every byte the other sent.");
-    args.AddOption("wait", "SECONDS",
-                   server ? "how long to wait for a client; 0: until interrupted (default 0)"
-                          : "how long to wait for the server; 0: until interrupted (default 10)");
-    args.AddOption("block", "BYTES",
-                   "shared block per direction, 32K to 1G, the same on both ends (default 256K)");
-    args.AddOption("nonblock", "", "move bytes with non-blocking calls, polling, instead of blocking ones");
-    args.AddOption("progress", "", "report bytes and rate on stderr about once a second");
-
-    StreamBridge::Config config;
-    config.side = side;
-    config.waitSeconds = server ? 0 : 10;
-    args.AcceptPlainArguments();
-    if (!args.Parse(argc, argv)) return args.UsageError(args.Error());
-    config.nonBlock = args.Has("nonblock");
-    config.progress = args.Has("progress");
-    if (args.HelpRequested()) {
-        args.PrintHelp(stdout);
-        return kExitOk;
-    }
-    if (args.PlainArguments().size() != 1) return args.UsageError("expects exactly one socket NAME");
-    config.name = args.PlainArguments()[0];
-    // The name becomes part of shared-memory object names, where a slash is not allowed.
-    if (config.name.find('/') != std::string::npos || config.name.size() > 200)
-        return args.UsageError("NAME must have at most 200 characters and no '/'");
-    const std::string wait = args.Get("wait", "");
-    if (!wait.empty()) {
-        char* end = nullptr;
-        config.waitSeconds = std::strtod(wait.c_str(), &end);
-        if (*end != '\0' || !std::isfinite(config.waitSeconds) || config.waitSeconds < 0 ||
-            config.waitSeconds > 1e9)
-            return args.UsageError("invalid --wait");
-    }
-    const std::string block = args.Get("block", "");
-    if (!block.empty()) {
-        uint64_t bytes = 0;
-        if (!ArgParser::ParseSize(block, bytes) || bytes < 32768 || bytes > (1u << 30))
-            return args.UsageError("--block must be 32K to 1G");
-        config.block = static_cast<int>(bytes);
-    }
-    if (!StopSignal::Install()) {
-        std::perror(("kelipc " + command + ": sigaction").c_str());
-        return kExitFailure;
-    }
-    return StreamBridge(std::move(config)).Run();
+    command.add_option("NAME", config->name, "the socket name")->required()->check(Arguments::ChannelName());
+    command
+        .add_option("--wait", config->waitSeconds,
+                    server ? "how long to wait for a client; 0: until interrupted (default 0)"
+                           : "how long to wait for the server; 0: until interrupted (default 10)")
+        ->type_name("SECONDS")
+        ->check(Arguments::Seconds(0, 1e9));
+    Arguments::AddBlock(command, config->block, "; the same on both ends");
+    command.add_flag("--nonblock", config->nonBlock,
+                     "move bytes with non-blocking calls, polling, instead of blocking ones");
+    command.add_flag("--progress", config->progress,
+                     "show bytes, rates and time on stderr (one updating line on a terminal)");
+    return [config, server] {
+        if (!StopSignal::Install()) {
+            std::fprintf(stderr, "kelipc %s: sigaction: %s\n", server ? "serve" : "connect",
+                         std::strerror(errno));
+            return kExitFailure;
+        }
+        return StreamBridge(*config).Run();
+    };
 }
 
 }  // namespace
 
-int ServeMain(int argc, char** argv) {
-    return BridgeMain(Server, argc, argv);
+CommandRun SetupServe(CLI::App& command) {
+    return SetupBridge(Server, command);
 }
 
-int ConnectMain(int argc, char** argv) {
-    return BridgeMain(Client, argc, argv);
+CommandRun SetupConnect(CLI::App& command) {
+    return SetupBridge(Client, command);
 }

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "PayloadPattern.h"
+#include "common/PayloadPattern.h"
 
 namespace {
 
