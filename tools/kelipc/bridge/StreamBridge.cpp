@@ -16,6 +16,7 @@
 
 #include "common/Arguments.h"
 #include "common/Commands.h"
+#include "common/FastHash.h"
 #include "common/StopSignal.h"
 
 using namespace std::chrono_literals;
@@ -140,6 +141,7 @@ bool StreamBridge::TryOpenClient(std::string& reason) {
 void StreamBridge::SendLoop() {
     StopSignal::BlockInThisThread();
     std::vector<char> buffer(kChunk);
+    FastHash::Stream sentHash;
     while (!m_quit) {
         // Bounded waits on stdin, so that a stop never waits for a user who types nothing.
         pollfd entry{STDIN_FILENO, POLLIN, 0};
@@ -153,12 +155,14 @@ void StreamBridge::SendLoop() {
         }
         if (got == 0) {
             m_sendDone = true;
-            Guarded([this] {
+            Guarded([&] {
+                m_marks.SetStreamHash(sentHash.Value());
                 m_marks.Publish(StreamMarks::kEnded);
                 return IPC_OK;
             });
             break;
         }
+        sentHash.Add(buffer.data(), static_cast<size_t>(got));
         if (!Send(buffer.data(), static_cast<int>(got))) break;
     }
     --m_active;
@@ -203,6 +207,7 @@ void StreamBridge::ReceiveLoop() {
     std::vector<char> buffer(kChunk);
     std::chrono::microseconds idle{0};
     uint64_t received = 0;
+    FastHash::Stream receivedHash;
     while (!m_quit) {
         const int rc = Guarded([&] {
             // Never more than is stored: a blocking Read would wait for bytes the peer may never send.
@@ -214,6 +219,7 @@ void StreamBridge::ReceiveLoop() {
         });
         if (rc > 0) {
             idle = {};
+            receivedHash.Add(buffer.data(), static_cast<size_t>(rc));
             if (!WriteOut(buffer.data(), static_cast<size_t>(rc))) break;
             received += static_cast<uint64_t>(rc);
             m_received = received;
@@ -234,6 +240,17 @@ void StreamBridge::ReceiveLoop() {
             break;
         }
         if (ended == 1 && received == total) {
+            // Counts can agree while bytes differ; the sender's XXH3 of its whole stream says whether they
+            // do.
+            uint64_t peerHash = 0;
+            Guarded([&] {
+                peerHash = m_marks.PeerStreamHash();
+                return IPC_OK;
+            });
+            if (peerHash != receivedHash.Value()) {
+                Fail("the bytes received differ from the bytes the peer sent (XXH3 mismatch)");
+                break;
+            }
             m_receiveDone = true;
             Guarded([this] {
                 m_marks.Publish(StreamMarks::kDrained);

@@ -87,3 +87,16 @@ bool StreamMarks::PeerGone() {
     std::memcpy(&pid, status.bytes, sizeof pid);
     return pid > 0 && kill(pid, 0) != 0 && errno == ESRCH;
 }
+
+void StreamMarks::SetStreamHash(uint64_t hash) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_open) std::memcpy(m_out.KelCBHeadPtr()->ipcStatus.bytes + kHashOffset, &hash, sizeof hash);
+}
+
+uint64_t StreamMarks::PeerStreamHash() {
+    KelIpcStatus status{};
+    if (m_open) m_in.GetIpcStatus(status);
+    uint64_t hash = 0;
+    std::memcpy(&hash, status.bytes + kHashOffset, sizeof hash);
+    return hash;
+}

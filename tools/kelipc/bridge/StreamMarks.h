@@ -14,7 +14,8 @@
 // of the socket's segments, so nothing here creates or removes an object):
 //   transTotal  bytes this end has written so far, raised after every write;
 //   transLast   a set of Flag bits;
-//   ipcStatus   first 4 bytes: this end's process id, so that the peer notices when it dies.
+//   ipcStatus   bytes 0-3: this end's process id, so that the peer notices when it dies;
+//               bytes 8-15: the XXH3 of every byte this end wrote, set before Ended.
 // A reader has the whole stream once its peer is Ended and it has read transTotal bytes. Stop and Close
 // empty both directions, so no end closes its socket before both ends are Drained; then the client
 // closes first and marks Closed, and only then does the server remove the segments and semaphore sets.
@@ -41,13 +42,17 @@ public:
     void Announce();  // the process id, then kPresent
     void Publish(Flag flag);
     void AddSent(uint64_t bytes);
+    void SetStreamHash(uint64_t hash);  // before Publish(kEnded)
 
     // The peer.
     uint64_t PeerFlags();
     bool PeerEnded(uint64_t& total);  // true once kEnded is set; total is then the peer's final count
     bool PeerGone();                  // it announced itself and its process no longer exists
+    uint64_t PeerStreamHash();        // valid once PeerEnded
 
 private:
+    static constexpr size_t kHashOffset = 8;
+
     KelShareMemory m_outMemory;
     KelShareMemory m_inMemory;
     KelCycleBuffer m_out;

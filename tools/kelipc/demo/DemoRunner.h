@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "common/ProgressLine.h"
+
 class DemoEndpoint;
 struct DirectionResult;
 
@@ -21,7 +23,7 @@ public:
     struct Config {
         uint64_t size = 0;
         std::string name;
-        int block = 0;  // 0: the library's default
+        int block = 262144;
         bool process = true;
         bool local = true;
     };
@@ -36,15 +38,24 @@ private:
     bool RunLocal();
     int RunClientProcess(pid_t parent, int fromParent, int toParent);
     int OpenSocket(KelIpcSocket& socket, KelIpcType type, KelSide side) const;
+    // progress: the bytes this process has moved so far, of 2 * size per transport.
     bool Supervise(const std::vector<DemoEndpoint*>& ends, const std::vector<KelIpcSocket*>& sockets,
-                   Clock::time_point deadline, const std::function<bool()>& peerLost) const;
+                   Clock::time_point deadline, const std::function<bool()>& peerLost,
+                   const std::function<uint64_t()>& progress);
     bool ReapChild() const;
-    bool Report(const char* transport, const char* direction, const DirectionResult& result) const;
+    // A row of the table. A direction that did not move every byte is never OK; why names the cause
+    // when no result exists.
+    bool Report(const char* transport, const char* direction, const DirectionResult* result,
+                const std::string& why = "") const;
 
     Config m_config;
     Clock::duration m_timeout;
     const char* m_role = "";
     pid_t m_child = -1;
+    ProgressLine* m_progress = nullptr;
+    uint64_t m_progressBase = 0;  // bytes of the transports already done
+    uint64_t m_progressTotal = 0;
+    std::string m_stopReason;  // why the last supervision stopped the sockets; empty if it did not
 };
 
 #endif  // KELIPC_TOOL_DEMO_RUNNER_H

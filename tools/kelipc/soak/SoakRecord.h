@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-// The unit of a soak stream: {8-byte sequence number, 4-byte payload length, payload, 8-byte checksum of
+// The unit of a soak stream: {8-byte sequence number, 4-byte payload length, payload, 8-byte XXH3 of
 // everything before it}, in host byte order. The payload is a seeded pattern keyed by the sequence number,
 // so a reader regenerates it from the header alone. A record whose length field is kEndLength carries no
 // payload and ends the stream; its sequence number is the count of records before it.

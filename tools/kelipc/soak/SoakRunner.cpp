@@ -72,6 +72,11 @@ int SoakRunner::Run() {
                 static_cast<unsigned long long>(m_config.size), limit, m_config.block, m_config.block / 50,
                 static_cast<unsigned long long>(m_config.seed));
     const auto begin = Clock::now();
+    // This process sees both directions of its own end: twice the size per Process run, and both ends'
+    // four times per Local run.
+    ProgressLine progress("kelipc soak");
+    m_progress = &progress;
+    m_progressTotal = 2 * 2 * m_config.size * ((m_config.process ? 1 : 0) + (m_config.local ? 2 : 0));
     bool ok = true;
     int index = 0;
     for (const bool process : {true, false}) {
@@ -79,9 +84,11 @@ int SoakRunner::Run() {
         for (const bool nonBlock : {false, true}) {
             if (StopSignal::Requested()) break;
             ok = (process ? RunProcess(index, nonBlock) : RunLocal(index, nonBlock)) && ok;
+            m_progressBase += (process ? 2 : 4) * m_config.size;
             ++index;
         }
     }
+    m_progress = nullptr;
     std::printf("total: %d runs, %llu bytes client->server, %llu bytes server->client, %.3f s\n", index,
                 static_cast<unsigned long long>(m_bytesL), static_cast<unsigned long long>(m_bytesR),
                 std::chrono::duration<double>(Clock::now() - begin).count());
@@ -163,6 +170,7 @@ bool SoakRunner::RunProcess(int index, bool nonBlock) {
 
 int SoakRunner::RunClientProcess(int index, bool nonBlock, pid_t parent, int fromParent, int toParent) {
     m_role = " (client process)";
+    m_progress = nullptr;
     // The client must not outlive the soak: the parent's death sends SIGTERM, which takes the stop path.
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (getppid() != parent) return kExitFailure;
@@ -257,7 +265,7 @@ int SoakRunner::OpenSocket(KelIpcSocket& socket, KelIpcType type, KelSide side, 
 // A signal, a stall, a failed transfer or check, or a lost peer stops the sockets, which makes every
 // blocked transfer of both ends return; the result is false then.
 bool SoakRunner::Supervise(const std::vector<SoakStream*>& streams, const std::vector<KelIpcSocket*>& sockets,
-                           const std::function<bool()>& peerLost) const {
+                           const std::function<bool()>& peerLost) {
     auto allDone = [&streams] {
         return std::all_of(streams.begin(), streams.end(), [](SoakStream* stream) { return stream->Done(); });
     };
@@ -275,6 +283,7 @@ bool SoakRunner::Supervise(const std::vector<SoakStream*>& streams, const std::v
     const char* reason = nullptr;
     while (!reason && !allDone()) {
         const uint64_t now = progress();
+        if (m_progress) m_progress->Bytes(m_progressBase + now, m_progressTotal);
         if (now != lastProgress) {
             lastProgress = now;
             lastMove = Clock::now();
@@ -290,6 +299,7 @@ bool SoakRunner::Supervise(const std::vector<SoakStream*>& streams, const std::v
         else
             std::this_thread::sleep_for(10ms);
     }
+    if (m_progress) m_progress->Clear();
     if (!reason && anyFailed()) reason = "a transfer or a check failed";
     if (reason) {
         std::fprintf(stderr, "kelipc soak%s: %s, stopping the socket\n", m_role, reason);

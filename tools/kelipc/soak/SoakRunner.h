@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "SoakStream.h"
+#include "common/ProgressLine.h"
 
 // Runs the soak: for each transport asked for (Process: server here, client in a forked child; Local: two
 // threads' sockets in this process) and for each mode (Block, then NonBlock on both directions of both
@@ -42,7 +43,7 @@ private:
     int OpenSocket(KelIpcSocket& socket, KelIpcType type, KelSide side, bool nonBlock,
                    const std::string& name) const;
     bool Supervise(const std::vector<SoakStream*>& streams, const std::vector<KelIpcSocket*>& sockets,
-                   const std::function<bool()>& peerLost) const;
+                   const std::function<bool()>& peerLost);
     bool ReapChild() const;
     bool Report(const std::string& run, const char* direction, const SoakResult& result);
 
@@ -52,6 +53,9 @@ private:
     pid_t m_child = -1;
     uint64_t m_bytesL = 0;  // totals over the runs, client->server
     uint64_t m_bytesR = 0;  // and server->client
+    ProgressLine* m_progress = nullptr;
+    uint64_t m_progressBase = 0;  // bytes of the runs already done
+    uint64_t m_progressTotal = 0;
 };
 
 #endif  // KELIPC_TOOL_SOAK_RUNNER_H
