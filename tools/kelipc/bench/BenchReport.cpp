@@ -35,12 +35,13 @@ BenchStreamRow& BenchReport::Stream(const std::string& transport, bool kelIpc, u
     return m_stream.back();
 }
 
-BenchLatencyRow& BenchReport::Latency(const std::string& transport, bool kelIpc) {
+BenchLatencyRow& BenchReport::Latency(const std::string& transport, bool kelIpc, bool sameCpu) {
     for (BenchLatencyRow& row : m_latency)
-        if (row.transport == transport) return row;
+        if (row.transport == transport && row.sameCpu == sameCpu) return row;
     m_latency.emplace_back();
     m_latency.back().transport = transport;
     m_latency.back().kelIpc = kelIpc;
+    m_latency.back().sameCpu = sameCpu;
     return m_latency.back();
 }
 
@@ -79,11 +80,23 @@ double BenchReport::LatencyRatio(const BenchLatencyRow& row, bool p99) const {
     const Summary mine = Of(row, pick);
     double best = 0;
     for (const BenchLatencyRow& other : m_latency) {
-        if (other.kelIpc) continue;
+        if (other.kelIpc || other.sameCpu != row.sameCpu) continue;
         const Summary theirs = Of(other, pick);
         if (theirs.valid && (best == 0 || theirs.median < best)) best = theirs.median;
     }
     return mine.valid && best > 0 ? mine.median / best : 0;
+}
+
+BenchReport::Summary BenchReport::PerUnit(const BenchStreamRow& row, bool syscalls) {
+    const double units = row.writeSize == 64 ? static_cast<double>(row.bytes / row.writeSize)
+                                             : static_cast<double>(row.bytes) / 1048576.0;
+    std::vector<double> values;
+    for (const BenchStreamSample& x : row.samples) {
+        const int64_t writer = syscalls ? x.syscallsWriter : x.vcswWriter;
+        const int64_t reader = syscalls ? x.syscallsReader : x.vcswReader;
+        if (writer >= 0 && reader >= 0) values.push_back(static_cast<double>(writer + reader) / units);
+    }
+    return Summarize(values);
 }
 
 void BenchReport::Print(FILE* out) const {
@@ -94,17 +107,25 @@ void BenchReport::Print(FILE* out) const {
         std::fprintf(out, "reader and echo side on CPU %d, writer and pinger on CPU %d\n", s.cpuA, s.cpuB);
     else
         std::fprintf(out, "one CPU: sides not pinned\n");
-    std::fprintf(out, "receive-side checksum runs at %.1f GB/s on one core (1 MiB in cache)\n\n",
+    std::fprintf(out, "receive-side checksum runs at %.1f GB/s on one core (1 MiB in cache)\n",
                  s.checkerGBps);
+    if (s.load > 0)
+        std::fprintf(out, "load: %d busy loop%s (unpinned processes) ran beside every case\n", s.load,
+                     s.load == 1 ? "" : "s");
+    if (!s.syscallsCounted) std::fprintf(out, "system calls: n/a, %s\n", s.syscallsWhyNot.c_str());
+    std::fprintf(out, "\n");
 
     std::fprintf(
         out,
-        "stream throughput in MB/s (10^6 B/s): median and range of the runs; vs kernel = KelIpc median /"
-        "\nbest of pipe and socketpair; time, cpu (user+sys) of writer and reader: medians over the "
-        "timed part\n(cpu: RUSAGE_SELF of each side's process; kelipc-local, whose sides share a process: "
-        "RUSAGE_THREAD)\n");
-    std::fprintf(out, "%-7s %-18s %8s %12s %19s %9s %8s %9s %9s\n", "write", "transport", "bytes",
-                 "median MB/s", "range MB/s", "vs kernel", "time s", "cpu wr s", "cpu rd s");
+        "stream throughput in MB/s (10^6 B/s), %s timed per case (64-byte writes: %s): median and range of\n"
+        "the runs; vs kernel = KelIpc median / best of pipe and socketpair; syscalls, vol. csw: system "
+        "calls\n"
+        "and voluntary context switches (sleeps) of the writer and reader threads together, per MiB or, for\n"
+        "64-byte writes, per write; cpu (user+sys) of writer and reader in s: RUSAGE_SELF of each side's\n"
+        "process (kelipc-local, whose sides share one: RUSAGE_THREAD); all medians over the timed part\n",
+        SizeText(s.volume).c_str(), SizeText(s.smallVolume).c_str());
+    std::fprintf(out, "%-7s %-18s %12s %19s %9s %10s %10s %9s %9s\n", "write", "transport", "median MB/s",
+                 "range MB/s", "vs kernel", "syscalls", "vol. csw", "cpu wr s", "cpu rd s");
     uint64_t lastSize = 0;
     for (const BenchStreamRow& row : m_stream) {
         const bool first = row.writeSize != lastSize;
@@ -113,8 +134,7 @@ void BenchReport::Print(FILE* out) const {
         const std::string size = first ? SizeText(row.writeSize) : "";
         const Summary mbps = Of(row, [](const BenchStreamSample& x) { return x.mbps; });
         if (!mbps.valid) {
-            std::fprintf(out, "%-7s %-18s %8s %12s\n", size.c_str(), row.transport.c_str(),
-                         SizeText(row.bytes).c_str(), "failed");
+            std::fprintf(out, "%-7s %-18s %12s\n", size.c_str(), row.transport.c_str(), "failed");
             continue;
         }
         std::string versus;
@@ -130,10 +150,15 @@ void BenchReport::Print(FILE* out) const {
             }
             versus = best ? "best" : "";
         }
-        std::fprintf(out, "%-7s %-18s %8s %12.1f %19s %9s %8.3f %9.3f %9.3f\n", size.c_str(),
-                     row.transport.c_str(), SizeText(row.bytes).c_str(), mbps.median,
-                     Format("%.1f-%.1f", mbps.min, mbps.max).c_str(), versus.c_str(),
-                     Of(row, [](const BenchStreamSample& x) { return x.seconds; }).median,
+        const char* unit = row.writeSize == 64 ? "/wr" : "/MiB";
+        auto perUnit = [&](bool syscalls) {
+            const Summary figure = PerUnit(row, syscalls);
+            if (!figure.valid) return std::string("n/a");
+            return Format(figure.median < 10 ? "%.2f" : "%.0f", figure.median, 0) + unit;
+        };
+        std::fprintf(out, "%-7s %-18s %12.1f %19s %9s %10s %10s %9.3f %9.3f\n", size.c_str(),
+                     row.transport.c_str(), mbps.median, Format("%.1f-%.1f", mbps.min, mbps.max).c_str(),
+                     versus.c_str(), perUnit(true).c_str(), perUnit(false).c_str(),
                      Of(row, [](const BenchStreamSample& x) { return x.cpuWriter; }).median,
                      Of(row, [](const BenchStreamSample& x) { return x.cpuReader; }).median);
     }
@@ -147,28 +172,32 @@ void BenchReport::Print(FILE* out) const {
 
     std::fprintf(out,
                  "\n64-byte round trip in us: %llu timed after %llu untimed per run; median and range of the "
-                 "runs'\np50 and p99; vs kernel = KelIpc p50 / best kernel p50 (below 1 is faster); cpu: "
-                 "medians over the timed part\n",
+                 "runs'\np50 and p99; vs kernel = KelIpc p50 / best kernel p50 with the ends placed alike\n"
+                 "(below 1 is faster); cpu: medians over the timed part\n",
                  static_cast<unsigned long long>(s.roundTrips), static_cast<unsigned long long>(s.warmTrips));
     std::fprintf(out, "%-18s %8s %15s %8s %15s %9s %9s %9s\n", "transport", "p50 us", "range p50", "p99 us",
                  "range p99", "vs kernel", "cpu ping", "cpu echo");
-    for (const BenchLatencyRow& row : m_latency) {
-        const Summary p50 = Of(row, [](const BenchLatencySample& x) { return x.p50us; });
-        const Summary p99 = Of(row, [](const BenchLatencySample& x) { return x.p99us; });
-        if (!p50.valid) {
-            std::fprintf(out, "%-18s %8s\n", row.transport.c_str(), "failed");
-            continue;
+    for (const bool sameCpu : {false, true}) {
+        std::fprintf(out, "%s\n", sameCpu ? "both ends on one CPU:" : "ends on two CPUs:");
+        for (const BenchLatencyRow& row : m_latency) {
+            if (row.sameCpu != sameCpu) continue;
+            const Summary p50 = Of(row, [](const BenchLatencySample& x) { return x.p50us; });
+            const Summary p99 = Of(row, [](const BenchLatencySample& x) { return x.p99us; });
+            if (!p50.valid) {
+                std::fprintf(out, "%-18s %8s\n", row.transport.c_str(), "failed");
+                continue;
+            }
+            std::string versus;
+            if (row.kelIpc) {
+                const double ratio = LatencyRatio(row, false);
+                versus = ratio > 0 ? Format("%.2fx", ratio, 0) : "-";
+            }
+            std::fprintf(out, "%-18s %8.2f %15s %8.2f %15s %9s %9.3f %9.3f\n", row.transport.c_str(),
+                         p50.median, Format("%.2f-%.2f", p50.min, p50.max).c_str(), p99.median,
+                         Format("%.2f-%.2f", p99.min, p99.max).c_str(), versus.c_str(),
+                         Of(row, [](const BenchLatencySample& x) { return x.cpuPinger; }).median,
+                         Of(row, [](const BenchLatencySample& x) { return x.cpuEcho; }).median);
         }
-        std::string versus;
-        if (row.kelIpc) {
-            const double ratio = LatencyRatio(row, false);
-            versus = ratio > 0 ? Format("%.2fx", ratio, 0) : "-";
-        }
-        std::fprintf(out, "%-18s %8.2f %15s %8.2f %15s %9s %9.3f %9.3f\n", row.transport.c_str(), p50.median,
-                     Format("%.2f-%.2f", p50.min, p50.max).c_str(), p99.median,
-                     Format("%.2f-%.2f", p99.min, p99.max).c_str(), versus.c_str(),
-                     Of(row, [](const BenchLatencySample& x) { return x.cpuPinger; }).median,
-                     Of(row, [](const BenchLatencySample& x) { return x.cpuEcho; }).median);
     }
 
     std::vector<double> reader;
@@ -199,19 +228,24 @@ bool BenchReport::WriteJson(const std::string& path, std::string& error) const {
     using Json = nlohmann::ordered_json;
     // A figure that could not be measured is null.
     auto number = [](double value, bool valid) { return valid ? Json(value) : Json(nullptr); };
+    auto count = [](int64_t value) { return value >= 0 ? Json(value) : Json(nullptr); };
     const Settings& s = m_settings;
-    Json json = {{"tool", "kelipc bench"},
-                 {"settings",
-                  {{"repeat", s.repeat},
-                   {"quick", s.quick},
-                   {"volume_bytes", s.volume},
-                   {"small_write_volume_bytes", s.smallVolume},
-                   {"round_trips", s.roundTrips},
-                   {"warm_round_trips", s.warmTrips},
-                   {"idle_seconds", s.idleSeconds},
-                   {"cpu_reader", s.cpuA},
-                   {"cpu_writer", s.cpuB},
-                   {"checker_gbps", s.checkerGBps}}}};
+    Json json = {
+        {"tool", "kelipc bench"},
+        {"settings",
+         {{"repeat", s.repeat},
+          {"quick", s.quick},
+          {"volume_bytes", s.volume},
+          {"small_write_volume_bytes", s.smallVolume},
+          {"round_trips", s.roundTrips},
+          {"warm_round_trips", s.warmTrips},
+          {"idle_seconds", s.idleSeconds},
+          {"cpu_reader", s.cpuA},
+          {"cpu_writer", s.cpuB},
+          {"checker_gbps", s.checkerGBps},
+          {"load_busy_loops", s.load},
+          {"syscalls_counted", s.syscallsCounted},
+          {"syscalls_not_counted_because", s.syscallsCounted ? Json(nullptr) : Json(s.syscallsWhyNot)}}}};
     Json& stream = json["stream"] = Json::array();
     for (const BenchStreamRow& row : m_stream) {
         const Summary mbps = Of(row, [](const BenchStreamSample& x) { return x.mbps; });
@@ -222,7 +256,14 @@ bool BenchReport::WriteJson(const std::string& path, std::string& error) const {
                             {"seconds", x.seconds},
                             {"cpu_writer_s", x.cpuWriter},
                             {"cpu_reader_s", x.cpuReader},
-                            {"cpu_children_s", x.cpuChildren}});
+                            {"cpu_children_s", x.cpuChildren},
+                            {"syscalls_writer", count(x.syscallsWriter)},
+                            {"syscalls_reader", count(x.syscallsReader)},
+                            {"vcsw_writer", x.vcswWriter},
+                            {"vcsw_reader", x.vcswReader}});
+        const char* per = row.writeSize == 64 ? "per_write" : "per_mib";
+        const Summary syscalls = PerUnit(row, true);
+        const Summary vcsw = PerUnit(row, false);
         stream.push_back({{"transport", row.transport},
                           {"kelipc", row.kelIpc},
                           {"write_bytes", row.writeSize},
@@ -232,6 +273,8 @@ bool BenchReport::WriteJson(const std::string& path, std::string& error) const {
                           {"min_mbps", number(mbps.min, mbps.valid)},
                           {"max_mbps", number(mbps.max, mbps.valid)},
                           {"ratio_to_best_kernel", number(ratio, ratio > 0)},
+                          {std::string("median_syscalls_") + per, number(syscalls.median, syscalls.valid)},
+                          {std::string("median_vcsw_") + per, number(vcsw.median, vcsw.valid)},
                           {"failures", row.failures},
                           {"runs", runs}});
     }
@@ -250,6 +293,7 @@ bool BenchReport::WriteJson(const std::string& path, std::string& error) const {
                             {"cpu_children_s", x.cpuChildren}});
         latency.push_back({{"transport", row.transport},
                            {"kelipc", row.kelIpc},
+                           {"same_cpu", row.sameCpu},
                            {"message_bytes", 64},
                            {"median_p50_us", number(p50.median, p50.valid)},
                            {"min_p50_us", number(p50.min, p50.valid)},

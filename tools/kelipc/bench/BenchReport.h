@@ -13,6 +13,10 @@ struct BenchStreamSample {
     double cpuWriter;
     double cpuReader;
     double cpuChildren;
+    int64_t syscallsWriter;  // -1 when not counted
+    int64_t syscallsReader;
+    int64_t vcswWriter;
+    int64_t vcswReader;
 };
 
 struct BenchStreamRow {
@@ -36,6 +40,7 @@ struct BenchLatencySample {
 struct BenchLatencyRow {
     std::string transport;
     bool kelIpc = false;
+    bool sameCpu = false;  // both ends pinned to one CPU; compared only with rows of the same kind
     std::vector<BenchLatencySample> samples;
     int failures = 0;
 };
@@ -61,6 +66,9 @@ public:
         int cpuA = -1;  // reader, echo side
         int cpuB = -1;  // writer, pinger
         double checkerGBps = 0;
+        bool syscallsCounted = false;
+        std::string syscallsWhyNot;  // when not counted
+        int load = 0;                // busy loops beside the measurement
     };
 
     struct Summary {
@@ -73,7 +81,7 @@ public:
     explicit BenchReport(const Settings& settings) : m_settings(settings) {}
 
     BenchStreamRow& Stream(const std::string& transport, bool kelIpc, uint64_t writeSize);
-    BenchLatencyRow& Latency(const std::string& transport, bool kelIpc);
+    BenchLatencyRow& Latency(const std::string& transport, bool kelIpc, bool sameCpu);
     std::vector<BenchIdleSample>& Idle() { return m_idle; }
     void AddFailure(const std::string& what) { m_failures.push_back(what); }
     bool Failed() const { return !m_failures.empty(); }
@@ -89,6 +97,9 @@ private:
     // Median of this KelIpc row over the best kernel row's median for the same size; 0 when unknown.
     double StreamRatio(const BenchStreamRow& row) const;
     double LatencyRatio(const BenchLatencyRow& row, bool p99) const;
+    // Wake-up cost of a stream row, clock-free: both sides' system calls (syscalls) or voluntary context
+    // switches per MiB, or per write for 64-byte writes; invalid when not counted.
+    static Summary PerUnit(const BenchStreamRow& row, bool syscalls);
 
     Settings m_settings;
     std::vector<BenchStreamRow> m_stream;

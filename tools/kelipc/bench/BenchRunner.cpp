@@ -13,6 +13,8 @@
 #include "BenchCase.h"
 #include "BenchChecksum.h"
 #include "BenchWorker.h"
+#include "BusyLoad.h"
+#include "SyscallCounter.h"
 #include "common/Arguments.h"
 #include "common/Commands.h"
 #include "common/PayloadPattern.h"
@@ -29,6 +31,8 @@ const BenchTransport::Profile kTransports[] = {
     {BenchTransport::Pipe, 0, "pipe-1M"},
     {BenchTransport::SocketPair, 0, "socketpair"},
 };
+// The round trip with both ends on one CPU: a wake-up there is a switch between the two ends.
+const BenchTransport::Profile kSameCpuTransports[] = {kTransports[0], kTransports[3], kTransports[4]};
 const uint64_t kWriteSizes[] = {64, 4096, 65536, 1 << 20};
 constexpr uint64_t kSmallWrite = 64;
 constexpr uint64_t kSmallVolumeDivisor = 16;  // 64-byte writes cost per call, not per byte
@@ -68,10 +72,7 @@ std::string SizeName(uint64_t bytes) {
 }  // namespace
 
 BenchRunner::BenchRunner(Config config)
-    : m_config(std::move(config)),
-      m_settings(MakeSettings(m_config)),
-      m_report(m_settings),
-      m_tty(isatty(2)) {}
+    : m_config(std::move(config)), m_settings(MakeSettings(m_config)), m_report(m_settings) {}
 
 BenchReport::Settings BenchRunner::MakeSettings(const Config& config) {
     BenchReport::Settings settings;
@@ -93,6 +94,8 @@ BenchReport::Settings BenchRunner::MakeSettings(const Config& config) {
         settings.cpuB = cpus[1];
     }
     settings.checkerGBps = MeasureChecker();
+    settings.syscallsCounted = SyscallCounter::Available(settings.syscallsWhyNot);
+    settings.load = config.load;
     return settings;
 }
 
@@ -117,18 +120,29 @@ double BenchRunner::MeasureChecker() {
 }
 
 int BenchRunner::Run() {
-    const size_t transports = sizeof kTransports / sizeof kTransports[0];
-    const size_t sizes = sizeof kWriteSizes / sizeof kWriteSizes[0];
-    m_caseCount = m_config.repeat * static_cast<int>(transports * sizes + transports + 1);
+    const int transports = static_cast<int>(sizeof kTransports / sizeof kTransports[0]);
+    const int sameCpu = static_cast<int>(sizeof kSameCpuTransports / sizeof kSameCpuTransports[0]);
+    const int sizes = static_cast<int>(sizeof kWriteSizes / sizeof kWriteSizes[0]);
+    m_caseCount = m_config.repeat * (transports * sizes + transports + sameCpu + 1);
+    BusyLoad load;
+    std::string error;
+    if (!load.Start(m_config.load, error)) {
+        std::fprintf(stderr, "kelipc bench: cannot start the busy loops: %s\n", error.c_str());
+        return kExitFailure;
+    }
     for (int run = 0; run < m_config.repeat && !StopSignal::Requested(); ++run)
         for (uint64_t size : kWriteSizes)
             for (const BenchTransport::Profile& profile : kTransports)
                 if (!StopSignal::Requested()) RunStream(profile, size);
-    for (int run = 0; run < m_config.repeat && !StopSignal::Requested(); ++run)
+    for (int run = 0; run < m_config.repeat && !StopSignal::Requested(); ++run) {
         for (const BenchTransport::Profile& profile : kTransports)
-            if (!StopSignal::Requested()) RunLatency(profile);
+            if (!StopSignal::Requested()) RunLatency(profile, false);
+        for (const BenchTransport::Profile& profile : kSameCpuTransports)
+            if (!StopSignal::Requested()) RunLatency(profile, true);
+    }
     for (int run = 0; run < m_config.repeat && !StopSignal::Requested(); ++run) RunIdle();
-    if (m_tty) std::fprintf(stderr, "\r\033[K");
+    load.Stop();
+    m_progress.Clear();
     m_report.Print(stdout);
     int code = m_report.Failed() ? kExitFailure : kExitOk;
     if (!m_config.json.empty()) {
@@ -187,11 +201,11 @@ void BenchRunner::RunStream(const BenchTransport::Profile& profile, uint64_t wri
     const double seconds = static_cast<double>(in->endNs - in->beginNs) / 1e9;
     row.samples.push_back({static_cast<double>(in->bytes) / 1e6 / std::max(seconds, 1e-9), seconds,
                            static_cast<double>(out->cpuNs) / 1e9, static_cast<double>(in->cpuNs) / 1e9,
-                           childCpu});
+                           childCpu, out->syscalls, in->syscalls, out->vcsw, in->vcsw});
 }
 
-void BenchRunner::RunLatency(const BenchTransport::Profile& profile) {
-    Progress(std::string("round trip, ") + profile.label);
+void BenchRunner::RunLatency(const BenchTransport::Profile& profile, bool sameCpu) {
+    Progress(std::string("round trip, ") + profile.label + (sameCpu ? ", one CPU" : ""));
     BenchWork echo;
     echo.role = kRolePonger;
     echo.end = 0;
@@ -203,15 +217,16 @@ void BenchRunner::RunLatency(const BenchTransport::Profile& profile) {
     BenchWork pinger = echo;
     pinger.role = kRolePinger;
     pinger.end = 1;
-    pinger.cpu = m_settings.cpuB;
+    pinger.cpu = sameCpu ? m_settings.cpuA : m_settings.cpuB;
     const auto timeout = 30s + std::chrono::milliseconds(m_settings.roundTrips + m_settings.warmTrips);
     BenchCase benchCase(profile, NextName(), Layout(profile, echo, pinger), timeout);
     std::vector<BenchSideResult> results;
     double childCpu = 0;
     std::string error;
     const bool ran = benchCase.Run(results, childCpu, error);
-    BenchLatencyRow& row = m_report.Latency(profile.label, profile.kind == BenchTransport::KelProcess ||
-                                                               profile.kind == BenchTransport::KelLocal);
+    BenchLatencyRow& row = m_report.Latency(
+        profile.label, profile.kind == BenchTransport::KelProcess || profile.kind == BenchTransport::KelLocal,
+        sameCpu);
     const BenchSideResult* a = Find(results, kRolePinger);
     const BenchSideResult* b = Find(results, kRolePonger);
     if (ran && (a == nullptr || b == nullptr)) error = "a side did not report";
@@ -262,8 +277,8 @@ std::string BenchRunner::NextName() {
     return m_config.name + "_" + std::to_string(m_caseIndex++);
 }
 
-void BenchRunner::Progress(const std::string& what) const {
-    if (m_tty) std::fprintf(stderr, "\r\033[K[%d/%d] %s", m_caseIndex + 1, m_caseCount, what.c_str());
+void BenchRunner::Progress(const std::string& what) {
+    m_progress.Step(m_caseIndex, m_caseCount, what);
 }
 
 CommandRun SetupBench(CLI::App& command) {
@@ -298,6 +313,11 @@ CommandRun SetupBench(CLI::App& command) {
         ->type_name("FILE")
         ->check(Arguments::WritableFile());
     Arguments::AddName(command, config->name, "prefix of the socket names (default kelipc_bench_<pid>)");
+    command
+        .add_option("--load", config->load,
+                    "run N busy loops (unpinned processes) beside the whole measurement, 0 to 64 (default 0)")
+        ->type_name("N")
+        ->check(Arguments::Count(0, 64));
     return [config, volume, trips] {
         if (volume->count() == 0) config->volume = config->quick ? kQuickVolume : kDefaultVolume;
         if (trips->count() == 0) config->roundTrips = config->quick ? kQuickTrips : kDefaultTrips;

@@ -7,6 +7,7 @@
 
 #include "BenchReport.h"
 #include "BenchTransport.h"
+#include "common/ProgressLine.h"
 
 // Runs the whole benchmark: streaming throughput per write size and transport, 64-byte round trips per
 // transport, and the CPU cost of an idle KelIpc connection; every case is repeated, each run in fresh
@@ -20,6 +21,7 @@ public:
         uint64_t roundTrips = 0;
         std::string name;  // prefix of the socket names
         std::string json;  // empty: no JSON file
+        int load = 0;      // busy loops to run beside the measurement
     };
 
     explicit BenchRunner(Config config);
@@ -27,10 +29,10 @@ public:
 
 private:
     void RunStream(const BenchTransport::Profile& profile, uint64_t writeSize);
-    void RunLatency(const BenchTransport::Profile& profile);
+    void RunLatency(const BenchTransport::Profile& profile, bool sameCpu);
     void RunIdle();
     std::string NextName();
-    void Progress(const std::string& what) const;
+    void Progress(const std::string& what);
     static BenchReport::Settings MakeSettings(const Config& config);
     static double MeasureChecker();
 
@@ -39,7 +41,7 @@ private:
     BenchReport m_report;
     int m_caseIndex = 0;
     int m_caseCount = 0;
-    bool m_tty = false;
+    ProgressLine m_progress{"kelipc bench"};
 };
 
 #endif  // KELIPC_TOOL_BENCH_RUNNER_H

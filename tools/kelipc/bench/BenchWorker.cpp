@@ -103,6 +103,8 @@ void BenchWorker::Prepare() {
         CPU_SET(m_work.cpu, &set);
         if (sched_setaffinity(0, sizeof set, &set) == 0) m_result.cpu = m_work.cpu;
     }
+    m_result.syscalls = -1;
+    m_syscalls.Open();
     const bool sends =
         m_work.role == kRoleWriter || m_work.role == kRolePinger || m_work.role == kRoleIdleWriter;
     const bool receives = m_work.role != kRoleWriter && m_work.role != kRoleIdleWriter;
@@ -150,7 +152,7 @@ bool BenchWorker::RunStream() {
     BenchChecksum hash;
     std::string error;
     for (uint64_t index = 0; index < total; ++index) {
-        if (index == m_work.warmChunks) Mark(m_result.beginNs, m_result.cpuNs);
+        if (index == m_work.warmChunks) BeginTimed();
         if (writer) {
             const size_t slot = index % m_send.slots.size();
             if (!m_transport.WriteAll(m_work.end, m_send.slots[slot], length, error)) return Fail(error);
@@ -161,9 +163,7 @@ bool BenchWorker::RunStream() {
             hash.AddChunk(buffer, length);
         }
     }
-    int64_t cpuEnd = 0;
-    Mark(m_result.endNs, cpuEnd);
-    m_result.cpuNs = cpuEnd - m_result.cpuNs;
+    EndTimed();
     m_result.bytes = m_work.chunks * length;
     m_result.hash = hash.Value();
     return true;
@@ -178,7 +178,7 @@ bool BenchWorker::RunRoundTrip() {
     BenchChecksum hash;
     std::string error;
     for (uint64_t index = 0; index < total; ++index) {
-        if (index == m_work.warmChunks) Mark(m_result.beginNs, m_result.cpuNs);
+        if (index == m_work.warmChunks) BeginTimed();
         char* const received = m_receive.slots[index % m_receive.slots.size()];
         if (pinger) {
             const size_t slot = index % m_send.slots.size();
@@ -196,9 +196,7 @@ bool BenchWorker::RunRoundTrip() {
             if (!m_transport.WriteAll(m_work.end, received, length, error)) return Fail(error);
         }
     }
-    int64_t cpuEnd = 0;
-    Mark(m_result.endNs, cpuEnd);
-    m_result.cpuNs = cpuEnd - m_result.cpuNs;
+    EndTimed();
     m_result.bytes = m_work.chunks * length;
     m_result.hash = hash.Value();
     std::sort(samples.begin(), samples.end());
@@ -212,32 +210,52 @@ bool BenchWorker::RunIdle() {
     std::string error;
     BenchChecksum hash;
     int64_t cpuEnd = 0;
+    int64_t vcswEnd = 0;
     if (m_work.role == kRoleIdleReader) {
         char* const buffer = m_receive.slots[0];
-        Mark(m_result.beginNs, m_result.cpuNs);
+        Mark(m_result.beginNs, m_result.cpuNs, m_result.vcsw);
         if (!m_transport.ReadAll(m_work.end, buffer, m_work.chunk, error)) return Fail(error);
-        Mark(m_result.endNs, cpuEnd);
+        Mark(m_result.endNs, cpuEnd, vcswEnd);
         hash.AddChunk(buffer, m_work.chunk);
     } else {
-        Mark(m_result.beginNs, m_result.cpuNs);
+        Mark(m_result.beginNs, m_result.cpuNs, m_result.vcsw);
         timespec idle{static_cast<time_t>(m_work.idleNs / 1000000000),
                       static_cast<long>(m_work.idleNs % 1000000000)};
         while (nanosleep(&idle, &idle) != 0 && errno == EINTR) {
         }
-        Mark(m_result.endNs, cpuEnd);
+        Mark(m_result.endNs, cpuEnd, vcswEnd);
         if (!m_transport.WriteAll(m_work.end, m_send.slots[0], m_work.chunk, error)) return Fail(error);
         hash.Add(m_send.sums[0]);
     }
     m_result.cpuNs = cpuEnd - m_result.cpuNs;
+    m_result.vcsw = vcswEnd - m_result.vcsw;
     m_result.bytes = m_work.chunk;
     m_result.hash = hash.Value();
     return true;
 }
 
-void BenchWorker::Mark(int64_t& timeNs, int64_t& cpuNs) const {
+void BenchWorker::BeginTimed() {
+    Mark(m_result.beginNs, m_result.cpuNs, m_result.vcsw);
+    m_syscalls.Begin();
+}
+
+void BenchWorker::EndTimed() {
+    m_result.syscalls = m_syscalls.End();
+    int64_t cpuEnd = 0;
+    int64_t vcswEnd = 0;
+    Mark(m_result.endNs, cpuEnd, vcswEnd);
+    m_result.cpuNs = cpuEnd - m_result.cpuNs;
+    m_result.vcsw = vcswEnd - m_result.vcsw;
+}
+
+void BenchWorker::Mark(int64_t& timeNs, int64_t& cpuNs, int64_t& vcsw) const {
     rusage usage{};
     getrusage(m_work.threadCpu ? RUSAGE_THREAD : RUSAGE_SELF, &usage);
     cpuNs = TimevalNs(usage.ru_utime) + TimevalNs(usage.ru_stime);
+    // Switches of this thread alone: the one that moves the bytes and sleeps when it must wait.
+    rusage mine{};
+    getrusage(RUSAGE_THREAD, &mine);
+    vcsw = mine.ru_nvcsw;
     timeNs = NowNs();
 }
 

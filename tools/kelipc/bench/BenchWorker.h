@@ -9,6 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include "SyscallCounter.h"
+
 class BenchTransport;
 
 enum BenchRole : int32_t {
@@ -34,6 +36,8 @@ struct BenchSideResult {
     uint64_t mismatches;  // round trips whose echo differed from what was sent
     int64_t p50Ns;        // round-trip percentiles (pinger only)
     int64_t p99Ns;
+    int64_t syscalls;  // system calls of this side's thread in the timed part; -1 when not counted
+    int64_t vcsw;      // its voluntary context switches there: each time it went to sleep
     char error[160];
 };
 
@@ -84,13 +88,18 @@ private:
     bool RunStream();
     bool RunRoundTrip();
     bool RunIdle();
-    void Mark(int64_t& timeNs, int64_t& cpuNs) const;
+    // Opens the timed part: time, CPU and switch counts, then the system-call counter.
+    void BeginTimed();
+    // Closes it, the counter first, so that its own calls stay out of the figures.
+    void EndTimed();
+    void Mark(int64_t& timeNs, int64_t& cpuNs, int64_t& vcsw) const;
     static void MakePool(Pool& pool, size_t count, size_t length);
     bool Fail(const std::string& what);
 
     BenchTransport& m_transport;
     const BenchWork m_work;
     BenchSideResult m_result{};
+    SyscallCounter m_syscalls;
     Pool m_send;
     Pool m_receive;
     std::thread m_thread;
