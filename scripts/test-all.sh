@@ -12,7 +12,7 @@ mkdir -p "$logs"
 stage() {
     local name=$1
     shift
-    local log=$logs/$name.log
+    local log=$logs/${name// /-}.log
     local begin=$SECONDS
     if "$@" >"$log" 2>&1; then
         printf '%-22s ok     %4d s\n' "$name" $((SECONDS - begin))
@@ -27,19 +27,20 @@ configure_and_build() {
     cmake -S . -B "$1" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${@:2}" && cmake --build "$1" -j"$jobs"
 }
 
+# suite LABEL DIR [cmake options]
 suite() {
-    stage "$1-build" configure_and_build "$@"
-    stage "$1-tests" ctest --test-dir "$1" --output-on-failure -j"$jobs"
+    stage "$1 build" configure_and_build "${@:2}"
+    stage "$1 tests" ctest --test-dir "$2" --output-on-failure -j"$jobs"
 }
 
 total=$SECONDS
-suite build
+suite plain build
 stage soak build/bin/kelipc soak --size 2G
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1 \
 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
-    suite build-asan -DKELIPC_SANITIZE=address
+    suite asan+ubsan build-asan -DKELIPC_SANITIZE=address
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-    suite build-tsan -DKELIPC_SANITIZE=thread
+    suite tsan build-tsan -DKELIPC_SANITIZE=thread
 stage install-check scripts/check-install.sh
 stage fuzz scripts/fuzz.sh 60
 echo "all stages passed in $((SECONDS - total)) s"
