@@ -2,7 +2,8 @@
 # Fuzzes the ring buffer for SECONDS (default 60) on one core. With clang's fuzzer runtime the harness runs
 # under libFuzzer, seeded from the corpus kept in the repository; new entries go to build-fuzz/corpus, never
 # into the repository. Without it, the harness's own seeded random driver replays the corpus and then runs
-# random programs. Any failed check, crash or sanitizer report fails the script.
+# random programs. The fuzzer's own output goes to build-fuzz/fuzz.log and is shown only when it fails. Any
+# failed check, crash or sanitizer report fails the script.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
@@ -10,6 +11,17 @@ out=build-fuzz
 ipc=BaseAPI/KelIpc
 seeds=$ipc/fuzz/corpus
 mkdir -p "$out"
+log=$out/fuzz.log
+
+# Runs the fuzzer with its output in the log; on failure shows the end of it.
+run_logged() {
+    if "$@" >"$log" 2>&1; then
+        return 0
+    fi
+    echo "fuzzing FAILED; the end of $log:"
+    tail -n 60 "$log"
+    exit 1
+}
 
 sources=(
     "$ipc/fuzz/KelCycleBufferFuzz.cpp"
@@ -36,7 +48,7 @@ if command -v clang++ >/dev/null 2>&1 &&
     mkdir -p "$out/corpus"
     # -timeout turns a transfer that blocks into a reported failure rather than a stall.
     # -len_control=0 lets programs grow long at once: header damage does harm only in combination.
-    timeout $((seconds + 300)) "$out/KelCycleBufferFuzz" -max_total_time="$seconds" -timeout=10 \
+    run_logged timeout $((seconds + 300)) "$out/KelCycleBufferFuzz" -max_total_time="$seconds" -timeout=10 \
         -max_len=1024 -len_control=0 -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$out/" \
         "$out/corpus" "$seeds"
 else
@@ -44,6 +56,7 @@ else
     g++ -std=c++17 -g -O1 -fsanitize=address,undefined -fno-sanitize-recover=all -DKELIPC_FUZZ_STANDALONE \
         "${warnings[@]}" "${includes[@]}" "${sources[@]}" -pthread -o "$out/KelCycleBufferFuzzStandalone"
     KELIPC_FUZZ_CRASH_FILE=$out/crash-standalone \
-        timeout $((seconds + 300)) "$out/KelCycleBufferFuzzStandalone" "$seconds" "$seeds"
+        run_logged timeout $((seconds + 300)) "$out/KelCycleBufferFuzzStandalone" "$seconds" "$seeds"
 fi
-echo "fuzzing passed"
+runs=$(grep -o 'number_of_executed_units: [0-9]*' "$log" | grep -o '[0-9]*$' || true)
+echo "fuzzing passed${runs:+ ($runs inputs)}; its output: $log"

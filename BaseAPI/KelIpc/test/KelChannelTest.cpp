@@ -37,38 +37,6 @@ bool ReceivePattern(KelChannelRing& ring, int64_t total, int piece) {
 
 }  // namespace
 
-TEST(KelIpcSockImpl, CarriesAStreamBetweenProcessesInBothModes) {
-    const std::string name = kt::UniqueName("chan");
-    KelIpcSockImpl server;
-    ASSERT_EQ(IPC_OK, server.Open(Server, name.c_str(), kBlock, nullptr, nullptr, Block));
-    const int64_t total =
-        12000LL * 50;  // several data areas; both piece sizes divide it, neither divides a ring
-    kt::Child child([&] {
-        KelIpcSockImpl client;
-        if (client.Open(Client, name.c_str(), kBlock, nullptr, nullptr, Block) != IPC_OK) return 2;
-        if (!SendPattern(client.Ring(), total, 4000)) return 3;
-        // All or nothing: an oversized non-blocking write moves nothing.
-        std::vector<char> big(kBlock);
-        if (!kt::WaitUntil([&] { return client.Ring().DataSize() == 0; }, 10000)) return 4;
-        if (client.Ring().NonBlockWrite(big.data(), kBlock - 9024) != 0) return 5;
-        const char tail[] = "tail";
-        return client.Ring().NonBlockWrite(tail, 4) == 4 ? 0 : 6;
-    });
-    auto received =
-        std::async(std::launch::async, [&] { return ReceivePattern(server.Ring(), total, 3000); });
-    const int code = child.Wait(30000);
-    if (!kt::Ready(received, 5000)) server.Ring().Stop();
-    EXPECT_EQ(0, code);
-    EXPECT_TRUE(received.get());
-    char out[8] = {};
-    EXPECT_EQ(0, server.Ring().NonBlockRead(out, 5));
-    EXPECT_EQ(4, server.Ring().NonBlockRead(out, 4));
-    EXPECT_STREQ("tail", out);
-    EXPECT_EQ(IPC_OK, server.Close());
-    EXPECT_FALSE(kt::ShmExists(name + "_shm"));
-    EXPECT_FALSE(kt::SemExists(name + "_ssm"));
-}
-
 TEST(KelIpcSockImpl, FailedOpensLeaveNothingBehindAndLogTheirChain) {
     const std::string name = kt::UniqueName("chan");
     kt::LogCapture log;
@@ -122,20 +90,6 @@ TEST(KelIpcSockImpl, ServerCloseEndsClientTransfersWhileItsMappingStaysValid) {
     EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Close());
     EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Ring().Write(out, 1));
     EXPECT_FALSE(client.Ring().Running());
-}
-
-TEST(KelIpcSockImpl, SuppliedSemaphoreIsUsedAndLeftOpen) {
-    const std::string name = kt::UniqueName("chan");
-    KelSystemSemaphore own;
-    ASSERT_EQ(IPC_OK, own.Open((name + "_own").c_str(), Server, nullptr));
-    {
-        KelIpcSockImpl server;
-        ASSERT_EQ(IPC_OK, server.Open(Server, name.c_str(), kBlock, &own, nullptr, Block));
-        EXPECT_FALSE(kt::SemExists(name + "_ssm"));
-        EXPECT_EQ(IPC_OK, server.Close());
-    }
-    EXPECT_TRUE(own.Opened());
-    EXPECT_EQ(IPC_OK, own.Close());
 }
 
 TEST(KelChannelRing, ArgumentTestsBeforeTheRingOnlyForBlockAndNonBlockForms) {

@@ -133,9 +133,3 @@ TEST(KelipcBridge, ClientInterruptedMidStreamFailsTheServerAndLeavesNothing) {
     EXPECT_EQ(1, serve.Finish(20000)) << serve.Err();
     ExpectNothingLeft(name);
 }
-
-TEST(KelipcBridge, RejectsAMissingNameAndABlockBelowTheMinimum) {
-    EXPECT_EQ(2, RunTool({"serve"}, ""));
-    EXPECT_EQ(2, RunTool({"connect", "a", "b"}, ""));
-    EXPECT_EQ(2, RunTool({"serve", "x", "--block", "16K"}, ""));
-}

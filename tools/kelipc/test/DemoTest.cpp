@@ -1,4 +1,8 @@
 #include <gtest/gtest.h>
+#include <signal.h>
+
+#include <fstream>
+#include <string>
 
 #include "TestSupport.h"
 #include "ToolProcess.h"
@@ -15,10 +19,25 @@ TEST(KelipcDemo, VerifiesBothTransportsAndLeavesNothingBehind) {
     EXPECT_FALSE(kt::SemExists(name + "_XR_ssm"));
 }
 
-TEST(KelipcDemo, RejectsUnknownOptionsAsUsageErrors) {
-    EXPECT_EQ(2, RunTool({"demo", "--bogus", "1"}, ""));
-    EXPECT_EQ(2, RunTool({"nonsense"}, ""));
-    std::string out;
-    EXPECT_EQ(0, RunTool({"demo", "--help"}, "", &out));
-    EXPECT_NE(std::string::npos, out.find("--size")) << out;
+// A direction that did not arrive whole is never OK, and its row says why.
+TEST(KelipcDemo, ALostClientProcessFailsItsRowsWithTheCauseAndLeavesNothingBehind) {
+    const std::string name = kt::UniqueName("demo_lost");
+    ToolProcess tool({"demo", "--size", "16G", "--transport", "process", "--name", name});
+    std::string child;
+    ASSERT_TRUE(kt::WaitUntil(
+        [&] {
+            const std::string task =
+                "/proc/" + std::to_string(tool.Pid()) + "/task/" + std::to_string(tool.Pid());
+            std::ifstream(task + "/children") >> child;
+            return !child.empty() && kt::ShmExists(name + "_XL_shm");
+        },
+        20000));
+    kill(std::stoi(child), SIGKILL);
+    EXPECT_EQ(1, tool.Finish(60000)) << tool.Out() << tool.Err();
+    EXPECT_NE(std::string::npos, tool.Out().find("client->server")) << tool.Out();
+    EXPECT_NE(std::string::npos, tool.Out().find("FAILED: the client process exited")) << tool.Out();
+    EXPECT_EQ(std::string::npos, tool.Out().find(" OK\n")) << tool.Out();
+    EXPECT_NE(std::string::npos, tool.Out().find("verdict: FAILED")) << tool.Out();
+    EXPECT_FALSE(kt::ShmExists(name + "_XL_shm"));
+    EXPECT_FALSE(kt::SemExists(name + "_XR_ssm"));
 }

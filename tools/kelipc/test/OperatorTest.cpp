@@ -6,10 +6,10 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <unistd.h>
+#include <nlohmann/json.hpp>
 
 #include <csignal>
 #include <fstream>
-#include <initializer_list>
 #include <string>
 
 #include "TestSupport.h"
@@ -20,23 +20,11 @@ namespace {
 constexpr int kBlock = 262144;
 constexpr int kDataLen = kBlock - 9024;
 
-// The value after the last key of path, each key searched after the previous one: enough for the flat
-// layout of `inspect --json`, where every key is unique within its direction's object.
-std::string Field(const std::string& json, std::initializer_list<const char*> path) {
-    size_t at = 0;
-    for (const char* key : path) {
-        at = json.find(std::string("\"") + key + "\":", at);
-        if (at == std::string::npos) return "<missing " + std::string(key) + ">";
-        at += std::string(key).size() + 3;
-    }
-    return json.substr(at, json.find_first_of(",}]", at) - at);
-}
-
-std::string InspectJson(const std::string& name) {
+nlohmann::json InspectJson(const std::string& name) {
     std::string out;
     std::string err;
     EXPECT_EQ(0, RunTool({"inspect", name, "--json"}, "", &out, &err)) << err;
-    return out;
+    return nlohmann::json::parse(out.substr(0, out.find('\n')), nullptr, false);
 }
 
 std::string Pattern(int size) {
@@ -90,35 +78,34 @@ TEST(KelipcOperator, InspectJsonShowsTheRingsAsTheEndsLeftThem) {
         ASSERT_EQ(IPC_OK, ring.SetWyTransCounter(5000, 77));
     }
 
-    std::string json = InspectJson(name);
-    EXPECT_EQ("true", Field(json, {"present"}));
-    EXPECT_EQ(std::to_string(kBlock), Field(json, {"L", "segment", "size"}));
-    EXPECT_EQ("\"0660\"", Field(json, {"L", "segment", "mode"}));
-    EXPECT_EQ(std::to_string(getuid()), Field(json, {"L", "segment", "uid"}));
-    EXPECT_EQ(std::to_string(kDataLen), Field(json, {"L", "dataLen"}));
-    EXPECT_EQ("true", Field(json, {"L", "running"}));
-    EXPECT_EQ("1000", Field(json, {"L", "writePos"}));
-    EXPECT_EQ("400", Field(json, {"L", "readPos"}));
-    EXPECT_EQ("600", Field(json, {"L", "waiting"}));
-    EXPECT_EQ(std::to_string(kDataLen - 1 - 600), Field(json, {"L", "free"}));
-    EXPECT_EQ("5000", Field(json, {"L", "transTotal"}));
-    EXPECT_EQ("77", Field(json, {"L", "transLast"}));
-    EXPECT_EQ("300", Field(json, {"R", "writePos"}));
-    EXPECT_EQ("300", Field(json, {"R", "waiting"}));
-    EXPECT_EQ("0", Field(json, {"R", "transTotal"}));
+    nlohmann::json json = InspectJson(name);
+    const nlohmann::json& l = json["L"];
+    const nlohmann::json& r = json["R"];
+    EXPECT_EQ(true, json["present"]);
+    EXPECT_EQ(kBlock, l["segment"]["size"]);
+    EXPECT_EQ("0660", l["segment"]["mode"]);
+    EXPECT_EQ(getuid(), l["segment"]["uid"]);
+    const nlohmann::json expectedL = {
+        {"initialised", true}, {"dataLen", kDataLen},    {"running", true}, {"writePos", 1000},
+        {"readPos", 400},      {"positionsValid", true}, {"waiting", 600},  {"free", kDataLen - 1 - 600},
+        {"transTotal", 5000},  {"transLast", 77}};
+    EXPECT_EQ(expectedL, l["ring"]);
+    EXPECT_EQ(300, r["ring"]["writePos"]);
+    EXPECT_EQ(300, r["ring"]["waiting"]);
+    EXPECT_EQ(0, r["ring"]["transTotal"]);
     // The blocking write signalled its reader, who has not taken the signal.
-    EXPECT_EQ("1", Field(json, {"R", "semaphore", "value"}));
-    EXPECT_EQ("0", Field(json, {"R", "semaphore", "waiters"}));
-    EXPECT_EQ(std::to_string(getpid()), Field(json, {"R", "mappers", "pid"}));
+    EXPECT_EQ(1, r["semaphore"]["value"]);
+    EXPECT_EQ(0, r["semaphore"]["waiters"]);
+    EXPECT_EQ(getpid(), r["mappers"][0]["pid"]);
 
     ASSERT_EQ(IPC_OK, server.Stop());
     json = InspectJson(name);
     for (const char* direction : {"L", "R"}) {
-        EXPECT_EQ("false", Field(json, {direction, "running"})) << direction;
-        EXPECT_EQ("0", Field(json, {direction, "writePos"})) << direction;
-        EXPECT_EQ("0", Field(json, {direction, "readPos"})) << direction;
-        EXPECT_EQ("0", Field(json, {direction, "waiting"})) << direction;
-        EXPECT_EQ(std::to_string(kDataLen - 1), Field(json, {direction, "free"})) << direction;
+        const nlohmann::json& ring = json[direction]["ring"];
+        EXPECT_EQ(false, ring["running"]) << direction;
+        EXPECT_EQ(0, ring["writePos"]) << direction;
+        EXPECT_EQ(0, ring["readPos"]) << direction;
+        EXPECT_EQ(kDataLen - 1, ring["free"]) << direction;
     }
     client.Close();
     server.Close();
@@ -192,23 +179,13 @@ TEST(KelipcOperator, CleanRemovesOnlyTheNamedChannelAndRefusesWhileMappedUnlessF
     server.Close();
 }
 
-TEST(KelipcOperator, MissingChannelsFailAndBadArgumentsAreUsageErrors) {
+TEST(KelipcOperator, MissingChannelsFailNamingTheObjectsLookedFor) {
     const std::string name = kt::UniqueName("opmissing");
     for (const char* command : {"inspect", "stop", "start", "clean"}) {
         std::string err;
         EXPECT_EQ(1, RunTool({command, name}, "", nullptr, &err)) << command;
         EXPECT_NE(std::string::npos, err.find("no channel \"" + name + "\"")) << err;
-        std::string out;
-        EXPECT_EQ(0, RunTool({command, "--help"}, "", &out)) << command;
-        EXPECT_NE(std::string::npos, out.find("usage: kelipc " + std::string(command))) << out;
-        EXPECT_EQ(2, RunTool({command}, "")) << command;
-        EXPECT_EQ(2, RunTool({command, name, "--bogus"}, "")) << command;
     }
-    EXPECT_EQ(2, RunTool({"inspect", name, "other"}, ""));
-    EXPECT_EQ(2, RunTool({"inspect", "a/b"}, ""));
-    EXPECT_EQ(2, RunTool({"inspect", name, "--watch=0"}, ""));
-    EXPECT_EQ(2, RunTool({"clean", "--all", name}, ""));
-    EXPECT_EQ(2, RunTool({"clean", "--all", "--force"}, ""));
     EXPECT_FALSE(kt::ShmExists(name + "_XL_shm"));
 }
 
@@ -221,6 +198,7 @@ TEST(KelipcOperator, InspectWatchRefreshesUntilInterrupted) {
     ASSERT_TRUE(kt::WaitUntil([&] { return CatchesSigint(tool.Pid()); }, 10000));
     tool.Signal(SIGINT);
     EXPECT_EQ(0, tool.Finish(10000)) << tool.Err();
-    EXPECT_EQ("true", Field(tool.Out(), {"L", "running"})) << tool.Out();
+    const auto json = nlohmann::json::parse(tool.Out().substr(0, tool.Out().find('\n')), nullptr, false);
+    EXPECT_EQ(true, json["L"]["ring"]["running"]) << tool.Out();
     server.Close();
 }

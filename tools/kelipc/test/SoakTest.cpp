@@ -41,13 +41,3 @@ TEST(KelipcSoak, ChecksBothTransportsAndModesAndLeavesNothingBehind) {
         }
     }
 }
-
-TEST(KelipcSoak, HelpAndUsageErrors) {
-    std::string out;
-    EXPECT_EQ(0, RunTool({"soak", "--help"}, "", &out));
-    for (const char* option : {"--size", "--time", "--transport", "--seed", "--block"})
-        EXPECT_NE(std::string::npos, out.find(option)) << out;
-    EXPECT_EQ(2, RunTool({"soak", "--bogus", "1"}, ""));
-    EXPECT_EQ(2, RunTool({"soak", "--transport", "pipe"}, ""));
-    EXPECT_EQ(2, RunTool({"soak", "--block", "1024"}, ""));
-}

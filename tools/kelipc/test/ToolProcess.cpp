@@ -3,55 +3,48 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
-#include <thread>
+
+#include "TestSupport.h"
 
 namespace {
 
-int64_t NowMs() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
-void CloseFd(int& fd) {
-    if (fd >= 0) close(fd);
-    fd = -1;
+std::string ReadAll(int fd) {
+    std::string text;
+    char buffer[65536];
+    lseek(fd, 0, SEEK_SET);
+    for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<size_t>(n));
+    return text;
 }
 
 }  // namespace
 
 ToolProcess::ToolProcess(const std::vector<std::string>& args) {
     int in[2];
-    int out[2];
-    int err[2];
-    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return;
+    m_outFd = memfd_create("kelipc-out", MFD_CLOEXEC);
+    m_errFd = memfd_create("kelipc-err", MFD_CLOEXEC);
+    if (m_outFd < 0 || m_errFd < 0 || pipe2(in, O_CLOEXEC) != 0) return;
+    signal(SIGPIPE, SIG_IGN);
     m_pid = fork();
     if (m_pid == 0) {
         dup2(in[0], 0);
-        dup2(out[1], 1);
-        dup2(err[1], 2);
-        std::vector<char*> argv;
-        std::string program = KELIPC_BINARY;
-        argv.push_back(&program[0]);
+        dup2(m_outFd, 1);
+        dup2(m_errFd, 2);
         std::vector<std::string> copy(args);
+        std::string program = KELIPC_BINARY;
+        std::vector<char*> argv{&program[0]};
         for (std::string& arg : copy) argv.push_back(&arg[0]);
         argv.push_back(nullptr);
         execv(program.c_str(), argv.data());
         _exit(127);
     }
     close(in[0]);
-    close(out[1]);
-    close(err[1]);
     m_in = in[1];
-    m_outFd = out[0];
-    m_errFd = err[0];
     fcntl(m_in, F_SETFL, O_NONBLOCK);
-    signal(SIGPIPE, SIG_IGN);
 }
 
 ToolProcess::~ToolProcess() {
@@ -59,40 +52,25 @@ ToolProcess::~ToolProcess() {
         kill(m_pid, SIGKILL);
         waitpid(m_pid, nullptr, 0);
     }
-    CloseFd(m_in);
-    CloseFd(m_outFd);
-    CloseFd(m_errFd);
+    for (int fd : {m_in, m_outFd, m_errFd})
+        if (fd >= 0) close(fd);
 }
 
 bool ToolProcess::WriteInput(const std::string& data, int timeoutMs) {
-    const int64_t deadline = NowMs() + timeoutMs;
     size_t done = 0;
-    while (done < data.size() && m_in >= 0) {
-        // Drain our side too, so a program that writes while it reads never stalls on a full pipe.
-        char sink[65536];
-        for (int* fd : {&m_outFd, &m_errFd}) {
-            pollfd p{*fd, POLLIN, 0};
-            if (*fd >= 0 && poll(&p, 1, 0) > 0) {
-                const ssize_t n = read(*fd, sink, sizeof(sink));
-                if (n > 0) (fd == &m_outFd ? m_out : m_err).append(sink, static_cast<size_t>(n));
-            }
-        }
-        const ssize_t n = write(m_in, data.data() + done, data.size() - done);
-        if (n > 0) {
-            done += static_cast<size_t>(n);
-        } else if (n < 0 && errno != EAGAIN && errno != EINTR) {
-            return false;
-        } else {
-            pollfd p{m_in, POLLOUT, 0};
-            poll(&p, 1, 10);
-        }
-        if (NowMs() > deadline) return false;
-    }
-    return done == data.size();
+    const bool written = kt::WaitUntil(
+        [&] {
+            const ssize_t n = m_in < 0 ? -1 : write(m_in, data.data() + done, data.size() - done);
+            if (n > 0) done += static_cast<size_t>(n);
+            return done == data.size() || (n < 0 && errno != EAGAIN && errno != EINTR);
+        },
+        timeoutMs);
+    return written && done == data.size();
 }
 
 void ToolProcess::CloseInput() {
-    CloseFd(m_in);
+    if (m_in >= 0) close(m_in);
+    m_in = -1;
 }
 
 void ToolProcess::Signal(int signal) {
@@ -101,39 +79,16 @@ void ToolProcess::Signal(int signal) {
 
 int ToolProcess::Finish(int timeoutMs) {
     if (m_pid <= 0) return -1;
-    const int64_t deadline = NowMs() + timeoutMs;
-    char buffer[65536];
-    while (m_outFd >= 0 || m_errFd >= 0) {
-        pollfd fds[2] = {{m_outFd, POLLIN, 0}, {m_errFd, POLLIN, 0}};
-        const int64_t left = deadline - NowMs();
-        if (left <= 0) break;
-        if (poll(fds, 2, static_cast<int>(left < 100 ? left : 100)) < 0 && errno != EINTR) break;
-        for (int i = 0; i < 2; ++i) {
-            int& fd = i == 0 ? m_outFd : m_errFd;
-            if (fd < 0 || (fds[i].revents & (POLLIN | POLLHUP | POLLERR)) == 0) continue;
-            const ssize_t n = read(fd, buffer, sizeof(buffer));
-            if (n > 0) {
-                (i == 0 ? m_out : m_err).append(buffer, static_cast<size_t>(n));
-            } else if (n == 0 || errno != EINTR) {
-                CloseFd(fd);
-            }
-        }
+    int status = 0;
+    const bool exited = kt::WaitUntil([&] { return waitpid(m_pid, &status, WNOHANG) == m_pid; }, timeoutMs);
+    if (!exited) {
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
     }
-    for (;;) {
-        int status = 0;
-        const pid_t done = waitpid(m_pid, &status, WNOHANG);
-        if (done == m_pid) {
-            m_pid = -1;
-            return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        }
-        if (NowMs() > deadline) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-            m_pid = -1;
-            return -1;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+    m_pid = -1;
+    m_out = ReadAll(m_outFd);
+    m_err = ReadAll(m_errFd);
+    return exited && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 int RunTool(const std::vector<std::string>& args, const std::string& input, std::string* out,

@@ -6,20 +6,20 @@
 #include <string>
 #include <vector>
 
-// A running `kelipc` with its standard streams on pipes, for driving the program as a user would.
+// A running `kelipc` fed through a pipe, its stdout and stderr kept in memory files, for driving the
+// program as a user would. Nothing it prints can stall it, so the test only has to feed it.
 class ToolProcess {
 public:
-    // Starts the program with the given arguments (not including the program name).
-    explicit ToolProcess(const std::vector<std::string>& args);
-    ~ToolProcess();  // kills and reaps a process still running
+    explicit ToolProcess(const std::vector<std::string>& args);  // the arguments after the program name
+    ~ToolProcess();                                              // kills and reaps a process still running
     ToolProcess(const ToolProcess&) = delete;
     ToolProcess& operator=(const ToolProcess&) = delete;
 
     // Writes all of data to its stdin; false when the pipe broke or timeoutMs passed.
     bool WriteInput(const std::string& data, int timeoutMs = 20000);
     void CloseInput();
-    // Reads stdout (and separately stderr) until both reach end of file or timeoutMs passes, then waits for
-    // the exit. The exit code, or -1 on a timeout (the process is then killed) or a death by signal.
+    // Waits for the exit and collects the output. The exit code, or -1 on a death by signal or a timeout
+    // (the process is then killed).
     int Finish(int timeoutMs = 60000);
     void Signal(int signal);
 

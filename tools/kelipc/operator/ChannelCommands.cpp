@@ -1,0 +1,263 @@
+// kelipc stop, start and clean: act on a Process channel from outside its two ends.
+
+#include <KelCycleBuffer.h>
+#include <KelShareMemory.h>
+#include <KelSystemSemaphore.h>
+#include <sys/ipc.h>
+#include <sys/mman.h>
+#include <sys/sem.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/Arguments.h"
+#include "common/Commands.h"
+#include "operator/ChannelObjects.h"
+
+namespace {
+
+using Direction = ChannelObjects::Direction;
+
+// A segment younger than this may belong to a server between creating and mapping it, so --all keeps it.
+constexpr time_t kSettleSeconds = 2;
+
+// Opens one direction as a client of the library and runs the ring's Start or Stop on it.
+bool ActOnRing(const ChannelObjects& channel, Direction direction, bool start) {
+    const char* command = start ? "start" : "stop";
+    const std::string shmName = channel.ShmName(direction);
+    const char* tag = ChannelObjects::Tag(direction);
+    const ChannelObjects::Segment segment = channel.StatSegment(direction);
+    if (!segment.present) {
+        std::fprintf(stderr, "kelipc %s: %s: no segment %s\n", command, tag,
+                     channel.ShmPath(direction).c_str());
+        return false;
+    }
+    const ChannelObjects::Ring header = channel.ReadRing(direction);
+    if (segment.size < 32768 || segment.size > INT_MAX || !header.Initialised()) {
+        std::fprintf(stderr, "kelipc %s: %s: %s holds no ring a server has set up\n", command, tag,
+                     channel.ShmPath(direction).c_str());
+        return false;
+    }
+    const int size = static_cast<int>(segment.size);
+    KelShareMemory memory;
+    int rc = memory.Open(shmName.c_str(), size, Client, nullptr);
+    if (rc != IPC_OK) {
+        std::fprintf(stderr, "kelipc %s: %s: cannot open %s, rc=%d\n", command, tag, shmName.c_str(), rc);
+        return false;
+    }
+    // Without the set the run flag still changes, but a reader asleep on it cannot be woken.
+    KelSystemSemaphore semaphore;
+    if (!channel.StatSemaphore(direction).present) {
+        if (!start)
+            std::fprintf(stderr, "kelipc %s: %s: no semaphore set; a sleeping reader stays asleep\n", command,
+                         tag);
+    } else if ((rc = semaphore.Open(channel.SemName(direction).c_str(), Client, nullptr)) != IPC_OK) {
+        std::fprintf(stderr, "kelipc %s: %s: cannot open semaphore set %s, rc=%d\n", command, tag,
+                     channel.SemName(direction).c_str(), rc);
+    }
+    KelCycleBuffer ring;
+    rc = ring.AttachIpc(memory.Data(), size, Client, NonBlock, semaphore.Opened() ? &semaphore : nullptr);
+    if (rc == IPC_OK) rc = start ? ring.Start() : ring.Stop();
+    if (rc != IPC_OK) {
+        std::fprintf(stderr, "kelipc %s: %s: %s failed, rc=%d\n", command, tag, start ? "Start" : "Stop", rc);
+        return false;
+    }
+    std::printf("%s (%s): %s\n", tag, ChannelObjects::Flow(direction), start ? "started" : "stopped");
+    return true;
+}
+
+int RingCommand(const std::string& name, bool start) {
+    const ChannelObjects channel(name);
+    if (!channel.StatSegment(ChannelObjects::kL).present &&
+        !channel.StatSegment(ChannelObjects::kR).present) {
+        std::fprintf(stderr, "kelipc %s: no channel \"%s\": neither %s nor %s exists\n",
+                     start ? "start" : "stop", channel.Name().c_str(),
+                     channel.ShmPath(ChannelObjects::kL).c_str(),
+                     channel.ShmPath(ChannelObjects::kR).c_str());
+        return kExitFailure;
+    }
+    bool ok = true;
+    for (const Direction direction : ChannelObjects::kDirections)
+        ok = ActOnRing(channel, direction, start) && ok;
+    return ok ? kExitOk : kExitFailure;
+}
+
+CommandRun SetupRing(CLI::App& command, bool start) {
+    auto name = std::make_shared<std::string>();
+    command.footer(
+        start
+            ? "Starts both directions of the Process channel NAME again, as either end may. Both rings are\n"
+              "emptied first: bytes not yet read are lost."
+            : "Stops both directions of the live Process channel NAME from outside, as either end may:\n"
+              "clears the run flag, empties the rings and wakes a sleeping reader, so that every transfer\n"
+              "of both ends returns IPC_ERR_NOT_OPENED until an end (or 'kelipc start') starts the channel\n"
+              "again. Releases a process blocked on a channel whose peer died.");
+    command.add_option("NAME", *name, "the socket name")->required()->check(Arguments::ChannelName());
+    return [name, start] { return RingCommand(*name, start); };
+}
+
+std::string MapperList(const std::array<std::vector<ChannelObjects::Mapper>, 2>& mappers) {
+    std::string list;
+    std::vector<pid_t> seen;
+    for (const std::vector<ChannelObjects::Mapper>& direction : mappers) {
+        for (const ChannelObjects::Mapper& mapper : direction) {
+            bool listed = false;
+            for (const pid_t pid : seen) listed = listed || pid == mapper.pid;
+            if (listed) continue;
+            seen.push_back(mapper.pid);
+            list +=
+                (list.empty() ? "pid " : ", pid ") + std::to_string(mapper.pid) + " (" + mapper.command + ")";
+        }
+    }
+    return list;
+}
+
+enum class CleanResult { kRemoved, kAbsent, kInUse, kRecent, kFailed };
+
+bool RecentlyCreated(const ChannelObjects& channel) {
+    const time_t now = std::time(nullptr);
+    for (const Direction direction : ChannelObjects::kDirections) {
+        const ChannelObjects::Segment segment = channel.StatSegment(direction);
+        if (segment.present && now - segment.changed < kSettleSeconds) return true;
+    }
+    return false;
+}
+
+// Removes what exists of the channel's four objects, reporting each; mapped channels only when forced,
+// and with keepRecent not those a server may still be setting up.
+CleanResult CleanChannel(const ChannelObjects& channel, bool force, bool keepRecent, std::string& users) {
+    bool segments[2];
+    int semIds[2];
+    bool any = false;
+    for (const Direction direction : ChannelObjects::kDirections) {
+        segments[direction] = channel.StatSegment(direction).present;
+        semIds[direction] = semget(channel.SemKey(direction), 0, 0);
+        any = any || segments[direction] || semIds[direction] != -1;
+    }
+    if (!any) return CleanResult::kAbsent;
+    users = MapperList(channel.FindMappers());
+    if (!users.empty() && !force) return CleanResult::kInUse;
+    if (keepRecent && RecentlyCreated(channel)) return CleanResult::kRecent;
+    bool ok = true;
+    for (const Direction direction : ChannelObjects::kDirections) {
+        if (!segments[direction]) continue;
+        if (shm_unlink(channel.ShmName(direction).c_str()) == 0) {
+            std::printf("removed segment %s\n", channel.ShmPath(direction).c_str());
+        } else if (errno != ENOENT) {
+            std::fprintf(stderr, "kelipc clean: cannot remove %s: %s\n", channel.ShmPath(direction).c_str(),
+                         std::strerror(errno));
+            ok = false;
+        }
+    }
+    for (const Direction direction : ChannelObjects::kDirections) {
+        if (semIds[direction] == -1) continue;
+        // Removal wakes a sleeper with EIDRM: its blocking read fails instead of sleeping on.
+        if (semctl(semIds[direction], 0, IPC_RMID) == 0) {
+            std::printf("removed semaphore set %s (key 0x%08x, id %d)\n", channel.SemName(direction).c_str(),
+                        static_cast<unsigned>(channel.SemKey(direction)), semIds[direction]);
+        } else if (errno != EINVAL && errno != EIDRM) {
+            std::fprintf(stderr, "kelipc clean: cannot remove semaphore set %s: %s\n",
+                         channel.SemName(direction).c_str(), std::strerror(errno));
+            ok = false;
+        }
+    }
+    if (!users.empty()) std::printf("still mapped by %s until they let go\n", users.c_str());
+    return ok ? CleanResult::kRemoved : CleanResult::kFailed;
+}
+
+int CleanAll() {
+    int removed = 0;
+    int kept = 0;
+    bool ok = true;
+    for (const std::string& name : ChannelObjects::ListOwnedBy(getuid())) {
+        const ChannelObjects channel(name);
+        std::string users;
+        switch (CleanChannel(channel, false, true, users)) {
+            case CleanResult::kRemoved:
+                ++removed;
+                break;
+            case CleanResult::kInUse:
+                std::printf("kept \"%s\": mapped by %s\n", name.c_str(), users.c_str());
+                ++kept;
+                break;
+            case CleanResult::kRecent:
+                std::printf("kept \"%s\": created moments ago, perhaps still being opened\n", name.c_str());
+                ++kept;
+                break;
+            case CleanResult::kFailed:
+                ok = false;
+                break;
+            case CleanResult::kAbsent:
+                break;  // removed by someone else since the listing
+        }
+    }
+    std::printf("removed %d channel%s, kept %d\n", removed, removed == 1 ? "" : "s", kept);
+    return ok ? kExitOk : kExitFailure;
+}
+
+struct CleanOptions {
+    std::string name;
+    bool force = false;
+    bool all = false;
+};
+
+int Clean(const CleanOptions& options) {
+    if (options.all) return CleanAll();
+    const ChannelObjects channel(options.name);
+    std::string users;
+    switch (CleanChannel(channel, options.force, false, users)) {
+        case CleanResult::kRemoved:
+            return kExitOk;
+        case CleanResult::kAbsent:
+            std::fprintf(stderr,
+                         "kelipc clean: no channel \"%s\": no segment and no semaphore set of it exists\n",
+                         channel.Name().c_str());
+            return kExitFailure;
+        case CleanResult::kInUse:
+            std::fprintf(stderr,
+                         "kelipc clean: channel \"%s\" is still mapped by %s; --force removes it anyway\n",
+                         channel.Name().c_str(), users.c_str());
+            return kExitFailure;
+        case CleanResult::kRecent:
+        case CleanResult::kFailed:
+            break;
+    }
+    return kExitFailure;
+}
+
+}  // namespace
+
+CommandRun SetupStop(CLI::App& command) {
+    return SetupRing(command, false);
+}
+
+CommandRun SetupStart(CLI::App& command) {
+    return SetupRing(command, true);
+}
+
+CommandRun SetupClean(CLI::App& command) {
+    auto options = std::make_shared<CleanOptions>();
+    command.footer(
+        "Removes the shared-memory segments and semaphore sets of the Process channel NAME. Refuses while a\n"
+        "process maps a segment, unless --force; processes that still map it keep their mapping but nobody\n"
+        "can open the channel any more. --all removes every channel of the current user that no process\n"
+        "maps, found from its segments in /dev/shm (semaphore sets without segments are not found).");
+    CLI::Option* name =
+        command.add_option("NAME", options->name, "the socket name")->check(Arguments::ChannelName());
+    CLI::Option* force =
+        command.add_flag("--force", options->force, "remove even while processes map the channel");
+    CLI::Option* all = command.add_flag("--all", options->all, "every unused channel of the current user");
+    all->excludes(name)->excludes(force);
+    command.parse_complete_callback([name, all] {
+        if (name->count() == 0 && all->count() == 0) throw CLI::RequiredError("NAME or --all");
+    });
+    return [options] { return Clean(*options); };
+}
