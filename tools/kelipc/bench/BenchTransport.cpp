@@ -1,4 +1,5 @@
 #include "BenchTransport.h"
+#include "common/ResultText.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -68,7 +69,7 @@ bool BenchTransport::Open(int end, std::string& error) {
     if (!IsKelIpc()) return true;
     const KelIpcType type = m_profile.kind == KelProcess ? Process : Local;
     const int rc = OpenSocket(m_sockets[end], m_profile, type, end == 0 ? Server : Client, m_name);
-    if (rc != IPC_OK) error = "KelIpcSocket Open (end " + std::to_string(end) + ") rc=" + std::to_string(rc);
+    if (rc != IPC_OK) error = "KelIpcSocket Open (end " + std::to_string(end) + ") rc=" + ResultText(rc);
     return rc == IPC_OK;
 }
 
@@ -90,7 +91,7 @@ bool BenchTransport::WriteAll(int end, const char* data, size_t length, std::str
         while (done < length) {
             const int rc = socket.Write(data + done, static_cast<int>(length - done));
             if (rc < 0) {
-                error = "KelIpcSocket Write rc=" + std::to_string(rc);
+                error = "KelIpcSocket Write rc=" + ResultText(rc);
                 return false;
             }
             // Only a non-blocking direction passes nothing; these are blocking, but never spin silently.
@@ -119,7 +120,7 @@ bool BenchTransport::ReadAll(int end, char* buffer, size_t length, std::string& 
         while (done < length) {
             const int rc = socket.Read(buffer + done, static_cast<int>(length - done));
             if (rc < 0) {
-                error = "KelIpcSocket Read rc=" + std::to_string(rc);
+                error = "KelIpcSocket Read rc=" + ResultText(rc);
                 return false;
             }
             if (rc == 0) std::this_thread::yield();

@@ -17,6 +17,7 @@
 #include "common/Arguments.h"
 #include "common/Commands.h"
 #include "common/FastHash.h"
+#include "common/ResultText.h"
 #include "common/StopSignal.h"
 
 using namespace std::chrono_literals;
@@ -35,7 +36,7 @@ void Pause(std::chrono::microseconds& idle) {
 
 std::string TransferError(const char* direction, int rc) {
     if (rc == IPC_ERR_NOT_OPENED) return "the connection was stopped";
-    return std::string(direction) + " the socket failed, rc=" + std::to_string(rc);
+    return std::string(direction) + " the socket failed, rc=" + ResultText(rc);
 }
 
 double MiBPerSecond(uint64_t bytes, std::chrono::steady_clock::duration elapsed) {
@@ -90,7 +91,8 @@ bool StreamBridge::Connect() {
     int rc = m_socket.Open(Process, Server, m_config.name.c_str(), nullptr);
     if (rc == IPC_OK) rc = m_marks.Open(m_config.name, Server, block);
     if (rc != IPC_OK) {
-        std::fprintf(stderr, "kelipc serve: cannot open socket \"%s\", rc=%d\n", m_config.name.c_str(), rc);
+        std::fprintf(stderr, "kelipc serve: cannot open socket \"%s\", rc=%d (%s)\n", m_config.name.c_str(),
+                     rc, KelIpcStrError(rc));
         return false;
     }
     m_marks.Announce();

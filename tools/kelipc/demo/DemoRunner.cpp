@@ -19,6 +19,7 @@
 #include "common/Arguments.h"
 #include "common/Commands.h"
 #include "common/FastHash.h"
+#include "common/ResultText.h"
 #include "common/StopSignal.h"
 #include "common/TransferSupervisor.h"
 #include "demo/DemoEndpoint.h"
@@ -98,7 +99,7 @@ bool DemoRunner::RunProcess() {
     const auto deadline = Clock::now() + m_timeout;
     std::string why;
     if (rc != IPC_OK)
-        why = "the server's Open failed, rc=" + std::to_string(rc);
+        why = "the server's Open failed, rc=" + ResultText(rc);
     else if (write(toChild[1], "r", 1) != 1)
         why = "the client process exited before the server was open";
     DirectionResult fromClient{};
@@ -150,7 +151,7 @@ int DemoRunner::RunClientProcess(pid_t parent, int fromParent, int toParent) {
     KelIpcSocket client;
     const int rc = OpenSocket(client, Process, Client);
     if (rc != IPC_OK) {
-        std::fprintf(stderr, "kelipc demo: the client's Open failed, rc=%d\n", rc);
+        std::fprintf(stderr, "kelipc demo: the client's Open failed, rc=%d (%s)\n", rc, KelIpcStrError(rc));
         return kExitFailure;
     }
     // A little later than the parent's deadline, so that the parent decides a timeout.

@@ -50,7 +50,8 @@ bool ActOnRing(const ChannelObjects& channel, Direction direction, bool start) {
     KelShareMemory memory;
     int rc = memory.Open(shmName.c_str(), size, Client, nullptr);
     if (rc != IPC_OK) {
-        std::fprintf(stderr, "kelipc %s: %s: cannot open %s, rc=%d\n", command, tag, shmName.c_str(), rc);
+        std::fprintf(stderr, "kelipc %s: %s: cannot open %s, rc=%d (%s)\n", command, tag, shmName.c_str(), rc,
+                     KelIpcStrError(rc));
         return false;
     }
     // Without the set the run flag still changes, but a reader asleep on it cannot be woken.
@@ -60,14 +61,15 @@ bool ActOnRing(const ChannelObjects& channel, Direction direction, bool start) {
             std::fprintf(stderr, "kelipc %s: %s: no semaphore set; a sleeping reader stays asleep\n", command,
                          tag);
     } else if ((rc = semaphore.Open(channel.SemName(direction).c_str(), Client, nullptr)) != IPC_OK) {
-        std::fprintf(stderr, "kelipc %s: %s: cannot open semaphore set %s, rc=%d\n", command, tag,
-                     channel.SemName(direction).c_str(), rc);
+        std::fprintf(stderr, "kelipc %s: %s: cannot open semaphore set %s, rc=%d (%s)\n", command, tag,
+                     channel.SemName(direction).c_str(), rc, KelIpcStrError(rc));
     }
     KelCycleBuffer ring;
     rc = ring.AttachIpc(memory.Data(), size, Client, NonBlock, semaphore.Opened() ? &semaphore : nullptr);
     if (rc == IPC_OK) rc = start ? ring.Start() : ring.Stop();
     if (rc != IPC_OK) {
-        std::fprintf(stderr, "kelipc %s: %s: %s failed, rc=%d\n", command, tag, start ? "Start" : "Stop", rc);
+        std::fprintf(stderr, "kelipc %s: %s: %s failed, rc=%d (%s)\n", command, tag, start ? "Start" : "Stop",
+                     rc, KelIpcStrError(rc));
         return false;
     }
     std::printf("%s (%s): %s\n", tag, ChannelObjects::Flow(direction), start ? "started" : "stopped");

@@ -132,7 +132,8 @@ bool SoakRunner::RunProcess(int index, bool nonBlock) {
     }
     KelIpcSocket server;
     const int rc = OpenSocket(server, Process, Server, nonBlock, SocketName(index));
-    if (rc != IPC_OK) std::fprintf(stderr, "kelipc soak: server Open failed, rc=%d\n", rc);
+    if (rc != IPC_OK)
+        std::fprintf(stderr, "kelipc soak: server Open failed, rc=%d (%s)\n", rc, KelIpcStrError(rc));
     bool ok = rc == IPC_OK && write(toChild[1], "r", 1) == 1;
     SoakResult fromClient = MissingResult("the server did not start");
     SoakResult fromServer = MissingResult("no result from the client process");
@@ -180,7 +181,7 @@ int SoakRunner::RunClientProcess(int index, bool nonBlock, pid_t parent, int fro
     KelIpcSocket client;
     const int rc = OpenSocket(client, Process, Client, nonBlock, SocketName(index));
     if (rc != IPC_OK) {
-        std::fprintf(stderr, "kelipc soak: client Open failed, rc=%d\n", rc);
+        std::fprintf(stderr, "kelipc soak: client Open failed, rc=%d (%s)\n", rc, KelIpcStrError(rc));
         return kExitFailure;
     }
     SoakStream stream(client, StreamSettings(index, nonBlock, Client));
@@ -205,7 +206,7 @@ bool SoakRunner::RunLocal(int index, bool nonBlock) {
     int rc = OpenSocket(server, Local, Server, nonBlock, SocketName(index));
     if (rc == IPC_OK) rc = OpenSocket(client, Local, Client, nonBlock, SocketName(index));
     if (rc != IPC_OK) {
-        std::fprintf(stderr, "kelipc soak: local Open failed, rc=%d\n", rc);
+        std::fprintf(stderr, "kelipc soak: local Open failed, rc=%d (%s)\n", rc, KelIpcStrError(rc));
         server.Close();
         Report(run, "client->server", MissingResult("the sockets did not open"));
         return false;

@@ -10,6 +10,7 @@
 
 #include "SoakParser.h"
 #include "SoakRecord.h"
+#include "common/ResultText.h"
 #include "common/StopSignal.h"
 
 namespace {
@@ -44,7 +45,7 @@ void Pause(int& attempts) {
 }
 
 std::string CallText(const char* name, int length, int rc) {
-    return std::string(name) + "(" + std::to_string(length) + ") returned " + std::to_string(rc);
+    return std::string(name) + "(" + std::to_string(length) + ") returned " + ResultText(rc);
 }
 
 }  // namespace
