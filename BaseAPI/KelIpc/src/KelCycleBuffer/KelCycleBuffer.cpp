@@ -65,12 +65,11 @@ inline bool InBlock(int32_t len, int32_t areaLength, int32_t pos) {
 // A peer on another CPU usually answers within a few microseconds, while a sleep costs a system call on
 // each side and tens of microseconds to wake from. So a transfer that finds too little data or room
 // re-tests the ring for a short, bounded time first. Spinning pays only while the peer can run beside
-// us and is moving: not when this thread is confined to the CPU where the peer last waited (it would
-// wait for our time slice), and not past a few microseconds in which the peer's position has not moved
-// (it is preempted, idle, or shares our CPU unknown to us). Past either bound the transfer sleeps, so an
-// idle connection burns no CPU.
+// us and is moving: not when it last entered a transfer on the CPU we run on (it waits for our time
+// slice), and not past a stretch in which its position has not moved (it is preempted or idle). Past
+// either bound the transfer sleeps, so an idle connection burns no CPU.
 constexpr auto kSpinBound = std::chrono::microseconds(50);
-constexpr auto kStallBound = std::chrono::microseconds(10);
+constexpr auto kStallBound = std::chrono::microseconds(30);
 // The affinity mask can change while a thread runs (programs pin their threads), so look again now and then.
 constexpr auto kAffinityRecheck = std::chrono::milliseconds(100);
 
@@ -99,10 +98,14 @@ int32_t PublishCpu(int32_t* ownCpu) {
     return cpu + 1;
 }
 
-// Whether the peer, as far as its word says, can run beside us while we spin.
+// Whether the peer can run beside us while we spin. One that last entered a transfer on the CPU we run on
+// waits for our time slice (the scheduler put us together, or both are pinned there); a thread confined
+// to one CPU spins only for a peer known to run elsewhere.
 bool PeerCanRunBeside(int32_t* ownCpu, const int32_t* peerCpu) {
     const int32_t cpu = PublishCpu(ownCpu);
-    return cpu == 0 || !ConfinedToOneCpu() || __atomic_load_n(peerCpu, __ATOMIC_RELAXED) != cpu;
+    const int32_t peer = __atomic_load_n(peerCpu, __ATOMIC_RELAXED);
+    if (cpu != 0 && peer == cpu) return false;
+    return peer != 0 || !ConfinedToOneCpu();
 }
 
 // peerPos is the position the peer moves while it makes progress.
@@ -137,7 +140,7 @@ bool SpinUntil(Ready ready, const int32_t& peerPos) {
 //     n > 0: it may be asleep on the semaphore until n bytes are stored.
 //   writer word (header offset 896): 0: no writer of ours waits; n > 0: one waits for n bytes of room.
 //   reader CPU (offset 836), writer CPU (offset 900): 0, or one more than the CPU where that end last
-//     entered a blocking transfer; an end confined to that same CPU does not spin for the other.
+//     entered a blocking transfer; the other end does not spin while it runs on that same CPU.
 constexpr size_t kReaderWordOffset = 0;
 constexpr size_t kReaderCpuOffset = 4;
 constexpr size_t kWriterWordOffset = 64;
