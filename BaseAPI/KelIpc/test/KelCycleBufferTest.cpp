@@ -1,20 +1,17 @@
 #include <pthread.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <future>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "KelCycleBuffer.h"
 #include "KelSemaphore.h"
-#include "KelSystemSemaphore.h"
 #include "TestSupport.h"
 
 namespace {
@@ -35,42 +32,6 @@ struct RingPair {
     KelCycleBuffer server;  // writes
     KelCycleBuffer client;  // reads
 };
-
-std::vector<char> Pattern(size_t n, uint64_t from = 0) {
-    std::vector<char> bytes(n);
-    for (size_t i = 0; i < n; ++i) bytes[i] = kt::PatternByte(from + i);
-    return bytes;
-}
-
-// Streams total bytes from writer to reader in pieces cycling through the given sizes; returns the
-// offset of the first wrong byte on the reading side, or -1 when every byte arrived in order.
-int64_t ReadAndVerify(KelCycleBuffer& reader, int64_t total, const std::vector<int>& sizes) {
-    std::vector<char> buffer(1 << 16);
-    int64_t done = 0;
-    for (size_t i = 0; done < total; ++i) {
-        const int n = static_cast<int>(std::min<int64_t>(sizes[i % sizes.size()], total - done));
-        if (reader.Read(buffer.data(), n) != n) return done;
-        for (int k = 0; k < n; ++k) {
-            if (buffer[k] != kt::PatternByte(done + k)) return done + k;
-        }
-        done += n;
-    }
-    return -1;
-}
-
-bool WritePattern(KelCycleBuffer& writer, int64_t total, const std::vector<int>& sizes) {
-    int64_t done = 0;
-    for (size_t i = 0; done < total; ++i) {
-        const int n = static_cast<int>(std::min<int64_t>(sizes[i % sizes.size()], total - done));
-        const std::vector<char> piece = Pattern(n, done);
-        if (writer.Write(piece.data(), n) != n) return false;
-        done += n;
-    }
-    return true;
-}
-
-const std::vector<int> kWriteSizes = {1, 7, 655, 4096, 23743, 100, 3, 9000};
-const std::vector<int> kReadSizes = {5, 1000, 2, 23000, 656, 17, 8191};
 
 }  // namespace
 
@@ -122,62 +83,21 @@ TEST(KelCycleBufferAttach, ClientOfUninitialisedBlockIsNotRunning) {
     EXPECT_FALSE(client.Running());
 }
 
-TEST(KelCycleBufferTransfer, FullAfterDataLenMinusOneBytesNotDataLen) {
-    RingPair ring;
-    const int space = ring.server.SpaceSize();
-    ASSERT_EQ(ring.DataLen() - 1, space);
-    const std::vector<char> bytes = Pattern(space + 1);
-    // One byte too many moves nothing at all.
-    EXPECT_EQ(0, ring.server.NonblockWrite(bytes.data(), space + 1));
-    EXPECT_EQ(0, ring.client.DataSize());
-    EXPECT_EQ(space, ring.server.NonblockWrite(bytes.data(), space));
-    EXPECT_EQ(0, ring.server.SpaceSize());
-    EXPECT_EQ(space, ring.client.DataSize());
-    EXPECT_EQ(0, ring.server.NonblockWrite(bytes.data(), 1));
-
-    std::vector<char> out(space + 1);
-    EXPECT_EQ(0, ring.client.NonblockRead(out.data(), space + 1));
-    EXPECT_EQ(space, ring.client.NonblockRead(out.data(), space));
-    EXPECT_TRUE(std::equal(out.begin(), out.begin() + space, bytes.begin()));
-}
-
-TEST(KelCycleBufferTransfer, WritesEndingAtOrCrossingTheEndKeepOrder) {
+// Random traffic in KelCycleBufferModelTest crosses the end; ending exactly on it is too rare to rely on.
+TEST(KelCycleBufferTransfer, AWriteEndingAtTheEndOfTheDataAreaWrapsThePositionToZero) {
     RingPair ring;
     KelCBHead* head = ring.server.KelCBHeadPtr();
     const int len = ring.DataLen();
     std::vector<char> out(len);
-    const std::vector<char> first = Pattern(len - 100);
+    const std::vector<char> first = kt::Pattern(len - 100);
     ASSERT_EQ(len - 100, ring.server.NonblockWrite(first.data(), len - 100));
     ASSERT_EQ(len - 100, ring.client.NonblockRead(out.data(), len - 100));
-    // Ends exactly at the end of the data area: the position comes back to 0.
-    const std::vector<char> tail = Pattern(100, 1);
+    const std::vector<char> tail = kt::Pattern(100, 1);
     ASSERT_EQ(100, ring.server.NonblockWrite(tail.data(), 100));
     EXPECT_EQ(0, head->writePos);
     ASSERT_EQ(100, ring.client.NonblockRead(out.data(), 100));
     EXPECT_EQ(0, head->readPos);
     EXPECT_TRUE(std::equal(tail.begin(), tail.end(), out.begin()));
-
-    // Crossing the end splits into two copies that read back in order.
-    ASSERT_EQ(len - 100, ring.server.NonblockWrite(first.data(), len - 100));
-    ASSERT_EQ(len - 100, ring.client.NonblockRead(out.data(), len - 100));
-    const std::vector<char> across = Pattern(300, 7);
-    ASSERT_EQ(300, ring.server.NonblockWrite(across.data(), 300));
-    ASSERT_EQ(300, ring.client.NonblockRead(out.data(), 300));
-    EXPECT_TRUE(std::equal(across.begin(), across.end(), out.begin()));
-}
-
-TEST(KelCycleBufferTransfer, SmallStepsAcrossTheEndKeepSizesConsistent) {
-    RingPair ring;
-    const int len = ring.DataLen();
-    char in[3];
-    char out[3];
-    for (int64_t i = 0; i < 3 * static_cast<int64_t>(len); i += 3) {
-        for (int k = 0; k < 3; ++k) in[k] = kt::PatternByte(i + k);
-        ASSERT_EQ(3, ring.server.NonblockWrite(in, 3));
-        ASSERT_EQ(len - 1, ring.server.DataSize() + ring.server.SpaceSize());
-        ASSERT_EQ(3, ring.client.NonblockRead(out, 3));
-        ASSERT_EQ(0, std::memcmp(in, out, 3)) << "at " << i;
-    }
 }
 
 TEST(KelCycleBufferTransfer, RingLargerThanTheL2CacheKeepsEveryByteOfSteppedCopies) {
@@ -191,7 +111,7 @@ TEST(KelCycleBufferTransfer, RingLargerThanTheL2CacheKeepsEveryByteOfSteppedCopi
     int64_t done = 0;
     for (size_t i = 0; done < total; ++i) {
         const int n = sizes[i % sizes.size()];
-        const std::vector<char> piece = Pattern(n, done);
+        const std::vector<char> piece = kt::Pattern(n, done);
         ASSERT_EQ(n, ring.server.NonblockWrite(piece.data(), n));
         ASSERT_EQ(n, ring.client.NonblockRead(out.data(), n));
         ASSERT_TRUE(std::equal(piece.begin(), piece.end(), out.begin())) << "at " << done;
@@ -229,45 +149,11 @@ TEST(KelCycleBufferTransfer, BadCountsAndPointersFailWithoutMovingAnything) {
     EXPECT_EQ(IPC_ERR_NOT_OPENED, unattached.SemAcquire());
 }
 
-TEST(KelCycleBufferTransfer, NonBlockModeReadAndWriteAreAllOrNothing) {
-    RingPair ring(kMinBlock, NonBlock);
-    const std::vector<char> bytes = Pattern(ring.DataLen());
-    EXPECT_EQ(0, ring.server.Write(bytes.data(), ring.DataLen()));
-    EXPECT_EQ(10, ring.server.Write(bytes.data(), 10));
-    std::vector<char> out(20);
-    EXPECT_EQ(0, ring.client.Read(out.data(), 11));
-    EXPECT_EQ(10, ring.client.Read(out.data(), 10));
-}
-
-TEST(KelCycleBufferLifecycle, StopEndsBothSidesUntilStartEmptiesTheRing) {
-    RingPair ring;
-    const std::vector<char> bytes = Pattern(500);
-    ASSERT_EQ(500, ring.server.NonblockWrite(bytes.data(), 500));
-    ASSERT_EQ(IPC_OK, ring.client.Stop());  // the reading side stops both
-    char out[16];
-    EXPECT_FALSE(ring.server.Running());
-    EXPECT_EQ(IPC_ERR_NOT_OPENED, ring.server.NonblockWrite(bytes.data(), 1));
-    EXPECT_EQ(IPC_ERR_NOT_OPENED, ring.client.NonblockRead(out, 1));
-    EXPECT_EQ(IPC_ERR_NOT_OPENED, ring.server.Write(bytes.data(), 1));
-    EXPECT_EQ(IPC_ERR_NOT_OPENED, ring.client.BlockRead(out, 1));
-    EXPECT_EQ(0, ring.client.DataSize());
-    EXPECT_EQ(0, ring.server.SpaceSize());
-    EXPECT_EQ(0, ring.server.KelCBHeadPtr()->writePos);
-
-    ASSERT_EQ(IPC_OK, ring.server.Start());
-    EXPECT_TRUE(ring.client.Running());
-    EXPECT_EQ(0, ring.client.DataSize());
-    ASSERT_EQ(7, ring.server.NonblockWrite(bytes.data(), 7));
-    ASSERT_EQ(IPC_OK, ring.client.Reset());
-    EXPECT_TRUE(ring.server.Running());
-    EXPECT_EQ(0, ring.client.DataSize());
-}
-
 TEST(KelCycleBufferLifecycle, CorruptHeaderWordsNeverMoveBytesOutsideTheBlock) {
     RingPair ring;
     KelCBHead* head = ring.server.KelCBHeadPtr();
     const int len = ring.DataLen();
-    std::vector<char> bytes = Pattern(64);
+    std::vector<char> bytes = kt::Pattern(64);
     const int32_t bad[] = {-1, len, len + 5000, INT32_MIN, INT32_MAX};
     for (int32_t value : bad) {
         head->writePos = value;
@@ -291,7 +177,7 @@ TEST(KelCycleBufferLifecycle, CorruptHeaderWordsNeverMoveBytesOutsideTheBlock) {
 
 TEST(KelCycleBufferSideData, SurvivesStopAndStartAndIsClearedByServerAttach) {
     RingPair ring;
-    std::vector<char> gcm = Pattern(512);
+    std::vector<char> gcm = kt::Pattern(512);
     std::vector<char> out(512, 'z');
     ASSERT_EQ(IPC_OK, ring.client.GetGcmData(out.data(), 512));
     EXPECT_EQ(512, std::count(out.begin(), out.end(), 0));
@@ -351,37 +237,10 @@ TEST(KelCycleBufferSideData, UnattachedRingFailsAndZeroesOutputs) {
     EXPECT_EQ(IPC_ERR_FAILED, ring.ResetWyTransCounter());
 }
 
-TEST(KelCycleBufferBlocking, StreamsTenTimesTheDataAreaBetweenThreadsInOrder) {
-    RingPair ring(kMinBlock, Block);
-    const int64_t total = 10LL * ring.DataLen();
-    auto reader =
-        std::async(std::launch::async, [&] { return ReadAndVerify(ring.client, total, kReadSizes); });
-    auto writer =
-        std::async(std::launch::async, [&] { return WritePattern(ring.server, total, kWriteSizes); });
-    const bool finished = kt::Ready(reader, 30000) && kt::Ready(writer, 30000);
-    if (!finished) ring.server.Stop();  // releases both so the futures can be joined
-    ASSERT_TRUE(finished);
-    EXPECT_TRUE(writer.get());
-    EXPECT_EQ(-1, reader.get());
-}
-
-TEST(KelCycleBufferBlocking, ReadWaitsUntilTheWholeCountHasArrived) {
-    RingPair ring(kMinBlock, Block);
-    const std::vector<char> bytes = Pattern(100);
-    ASSERT_EQ(60, ring.server.NonblockWrite(bytes.data(), 60));
-    std::vector<char> out(100);
-    auto reader = std::async(std::launch::async, [&] { return ring.client.Read(out.data(), 100); });
-    EXPECT_FALSE(kt::Ready(reader, 50));
-    ASSERT_EQ(40, ring.server.BlockWrite(bytes.data() + 60, 40));
-    ASSERT_TRUE(kt::Ready(reader, 10000)) << "reader not woken by the writer's signal";
-    EXPECT_EQ(100, reader.get());
-    EXPECT_EQ(bytes, out);
-}
-
 TEST(KelCycleBufferBlocking, StopReleasesBlockedReaderAndWriter) {
     RingPair empty(kMinBlock, Block);
     RingPair full(kMinBlock, Block);
-    const std::vector<char> bytes = Pattern(full.DataLen() + 10);
+    const std::vector<char> bytes = kt::Pattern(full.DataLen() + 10);
     char out[64];
     auto reader = std::async(std::launch::async, [&] { return empty.client.Read(out, 64); });
     auto writer =
@@ -415,7 +274,7 @@ void HoldingHandler(int) {
 
 TEST(KelCycleBufferBlocking, StopLogsAndFailsWhenAWriteNeverLeaves) {
     RingPair ring(kMinBlock, Block);
-    const std::vector<char> bytes = Pattern(ring.DataLen() + 10);
+    const std::vector<char> bytes = kt::Pattern(ring.DataLen() + 10);
     struct sigaction action {};
     struct sigaction previous {};
     action.sa_handler = HoldingHandler;
@@ -446,31 +305,4 @@ TEST(KelCycleBufferBlocking, StopLogsAndFailsWhenAWriteNeverLeaves) {
     EXPECT_EQ("Stop", record.function);
     EXPECT_EQ("BaseAPI/KelIpc/src/KelCycleBuffer/KelCycleBuffer", record.file);
     EXPECT_EQ(1, record.level);
-}
-
-TEST(KelCycleBufferBlocking, StreamsBetweenProcessesWithSystemSemaphore) {
-    const std::string name = kt::UniqueName("ring") + "_ssm";
-    const int length = 65536;
-    void* shared = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(MAP_FAILED, shared);
-    char* block = static_cast<char*>(shared);
-    KelSystemSemaphore sem;
-    ASSERT_EQ(IPC_OK, sem.Open(name.c_str(), Server, nullptr));
-    KelCycleBuffer writer;
-    ASSERT_EQ(IPC_OK, writer.AttachIpc(block, length, Server, Block, &sem));
-    const int64_t total = 10LL * (length - kHead);
-
-    kt::Child child([&] {
-        KelSystemSemaphore childSem;
-        KelCycleBuffer reader;
-        if (childSem.Open(name.c_str(), Client, nullptr) != IPC_OK) return 2;
-        if (reader.AttachIpc(block, length, Client, Block, &childSem) != IPC_OK) return 3;
-        return ReadAndVerify(reader, total, kReadSizes) == -1 ? 0 : 1;
-    });
-    auto sent = std::async(std::launch::async, [&] { return WritePattern(writer, total, kWriteSizes); });
-    const int code = child.Wait(30000);
-    if (!kt::Ready(sent, 5000)) writer.Stop();  // a dead reader must not leave the writer blocked
-    EXPECT_TRUE(sent.get());
-    EXPECT_EQ(0, code);
-    munmap(shared, length);
 }

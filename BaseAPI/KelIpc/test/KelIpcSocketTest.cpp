@@ -25,12 +25,6 @@ constexpr int64_t kStream = 4LL * kRoom + 12345;
 const std::vector<int> kWritePieces = {1, 4000, 300000, 333, 65537};
 const std::vector<int> kReadPieces = {5000, 17, 260000, 120000};
 
-std::vector<char> Pattern(uint64_t offset, int n) {
-    std::vector<char> bytes(static_cast<size_t>(n));
-    for (int i = 0; i < n; ++i) bytes[i] = kt::PatternByte(offset + i);
-    return bytes;
-}
-
 enum Form { kModeForm, kBlockForm, kNonBlockForm };
 
 int Send(KelIpcSocket& s, Form form, const char* data, int n) {
@@ -46,7 +40,7 @@ int Receive(KelIpcSocket& s, Form form, char* buffer, int n) {
 // One message of n bytes and a marker byte. The writer sends the marker only after checking its room and
 // the reader takes nothing before the marker, so both ends see exact counts. 0, or the failed step.
 int Talk(KelIpcSocket& s, bool writing, Form form, uint64_t offset, int n) {
-    const std::vector<char> sent = Pattern(offset, n + 1);
+    const std::vector<char> sent = kt::Pattern(n + 1, offset);
     if (writing) {
         if (Send(s, form, sent.data(), n) != n) return 1;
         if (s.SpaceSize() != kRoom - n) return 2;
@@ -84,10 +78,10 @@ bool Stream(KelIpcSocket& s, bool sending) {
     int64_t done = 0;
     for (size_t i = 0; done < kStream; ++i) {
         const int n = static_cast<int>(std::min<int64_t>(pieces[i % pieces.size()], kStream - done));
-        std::vector<char> bytes = Pattern(done, n);
+        std::vector<char> bytes = kt::Pattern(n, done);
         const Form form = i % 2 == 0 ? kModeForm : kBlockForm;
         if (sending ? Send(s, form, bytes.data(), n) != n
-                    : Receive(s, form, bytes.data(), n) != n || bytes != Pattern(done, n)) {
+                    : Receive(s, form, bytes.data(), n) != n || bytes != kt::Pattern(n, done)) {
             return false;
         }
         done += n;
@@ -121,13 +115,14 @@ void LetPeerBlock() {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
 }
 
-// How many of the segments and semaphore sets of a Process socket name exist in the system.
-int ObjectsOf(const std::string& name) {
-    int n = 0;
-    for (const char* direction : {"_XL", "_XR"}) {
-        n += kt::ShmExists(name + direction + "_shm") + kt::SemExists(name + direction + "_ssm");
-    }
-    return n;
+// A client in another process, blocked in a Read that only the server's end can release. 0, or the step
+// that failed.
+int BlockedClientIsReleased(KelIpcSocket& client, const std::string& name) {
+    char buf[16];
+    if (client.Open(Process, Client, name.c_str(), nullptr) != IPC_OK) return 1;
+    if (client.Write("r", 1) != 1) return 2;  // about to wait on R
+    if (client.Read(buf, 16) != IPC_ERR_NOT_OPENED) return 3;
+    return client.Running() || !AllTransfersRefused(client) ? 4 : 0;
 }
 
 // Runs the server's part in a thread and the client's in a forked child (Process) or in a second thread
@@ -165,32 +160,17 @@ const char* TypeName(KelIpcType type) {
 
 }  // namespace
 
-TEST(KelIpcSocketTransfer, EveryFormCarriesBothWaysAndEachEndCountsItsOwnDirections) {
+// A conversation in every form, then long streams each way on the same connection.
+TEST(KelIpcSocketTransfer, EveryFormCarriesBothWaysAndStreamsOfSeveralRingsArriveInOrder) {
     for (KelIpcType type : {Process, Local}) {
         SCOPED_TRACE(TypeName(type));
         const std::string name = kt::UniqueName("forms");
         KelIpcSocket server;
         ASSERT_EQ(IPC_OK, server.Open(type, Server, name.c_str(), nullptr));
         const int rc = Pair(
-            type, server, [&] { return Converse(server, Server); },
-            [&] {
-                KelIpcSocket client;
-                if (client.Open(type, Client, name.c_str(), nullptr) != IPC_OK) return 1;
-                return Converse(client, Client);  // reads the last message, so its close drops nothing
-            });
-        EXPECT_EQ(0, rc);
-    }
-}
-
-TEST(KelIpcSocketTransfer, StreamsOfSeveralRingsArriveInOrderInBothDirections) {
-    for (KelIpcType type : {Process, Local}) {
-        SCOPED_TRACE(TypeName(type));
-        const std::string name = kt::UniqueName("stream");
-        KelIpcSocket server;
-        ASSERT_EQ(IPC_OK, server.Open(type, Server, name.c_str(), nullptr));
-        const int rc = Pair(
             type, server,
             [&] {
+                if (const int talked = Converse(server, Server)) return talked;
                 // Closing stops the rings: keep them until the client has taken the tail (or has closed).
                 const auto drained = [&] { return !server.Running() || server.SpaceSize() == kRoom; };
                 return Stream(server, false) && Stream(server, true) && kt::WaitUntil(drained, kWaitMs) ? 0
@@ -199,6 +179,7 @@ TEST(KelIpcSocketTransfer, StreamsOfSeveralRingsArriveInOrderInBothDirections) {
             [&] {
                 KelIpcSocket client;
                 if (client.Open(type, Client, name.c_str(), nullptr) != IPC_OK) return 1;
+                if (const int talked = Converse(client, Client)) return talked;
                 if (!Stream(client, true)) return 2;
                 return Stream(client, false) ? 0 : 3;  // the server read everything before it sent
             });
@@ -215,6 +196,7 @@ TEST(KelIpcSocketOpen, ClientBeforeServerFailsLogsItsChainAndStaysClosed) {
     ASSERT_EQ(4u, records.size());
     EXPECT_EQ("shm_open fail, m_fileMap=-1, errno=" + std::to_string(ENOENT), records[0].message);
     EXPECT_EQ("KelShareMemory Open fail, rc=-10000", records[1].message);
+    EXPECT_EQ("BaseAPI/KelIpc/src/KelIpcSockImpl", records[1].file);
     // L failed, so neither channel of the pair was open when the socket cleaned up.
     for (size_t i : {2u, 3u}) {
         EXPECT_EQ("BaseAPI/KelIpc/src/KelIpc/KelIpcSocketPrivate", records[i].file);
@@ -227,6 +209,7 @@ TEST(KelIpcSocketOpen, ClientBeforeServerFailsLogsItsChainAndStaysClosed) {
     EXPECT_FALSE(kt::SemExists(name + "_XL_ssm"));
 
     EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Open(Local, Client, name.c_str(), nullptr));
+    EXPECT_EQ(1u, log.Count("KelLocalMemory Open fail, rc=-9996"));
     EXPECT_EQ(2u, log.Count("KelLocalSockImpl Close fail, rc=-9996"));
     EXPECT_FALSE(client.Opened());
     EXPECT_FALSE(client.Running());
@@ -240,11 +223,13 @@ TEST(KelIpcSocketOpen, ServerWithABlockBelowTheRingMinimumFailsAndLeavesNothing)
         KelIpcSocket server;
         ASSERT_EQ(IPC_OK, server.SetOption(LBufferSize, &small));
         {
-            kt::LogCapture quiet;
+            kt::LogCapture log;
             EXPECT_EQ(IPC_ERR_PARAM, server.Open(type, Server, name.c_str(), nullptr));
+            EXPECT_EQ(1u, log.Count(type == Process ? "KelCycleBuffer AttachIpc fail, rc=-9998"
+                                                    : "KelCycleBuffer AttachLocal fail, rc=-9998"));
         }
         EXPECT_FALSE(server.Opened());
-        EXPECT_EQ(0, ObjectsOf(name));
+        EXPECT_EQ(0, kt::ChannelObjects(name));
         // Nothing of the name stays taken: the same socket with a proper size opens it.
         int proper = kBlock;
         ASSERT_EQ(IPC_OK, server.SetOption(LBufferSize, &proper));
@@ -272,7 +257,7 @@ TEST(KelIpcSocketOpen, ClientWithAnotherRSizeFailsAndLeavesTheServersLRingStoppe
         }
         EXPECT_FALSE(client.Opened());
         EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Close());
-        EXPECT_EQ(type == Process ? 4 : 0, ObjectsOf(name));
+        EXPECT_EQ(type == Process ? 4 : 0, kt::ChannelObjects(name));
         // The client's clean-up stopped L for the server too.
         EXPECT_FALSE(server.Running());
         char byte = 0;
@@ -288,22 +273,6 @@ TEST(KelIpcSocketOpen, ClientWithAnotherRSizeFailsAndLeavesTheServersLRingStoppe
     }
 }
 
-TEST(KelIpcSocketOpen, ArgumentErrorsReturnBeforeAnythingIsCreatedOrLogged) {
-    const std::string name = kt::UniqueName("args");
-    KelIpcSocket s;
-    {
-        kt::LogCapture log;
-        EXPECT_EQ(IPC_ERR_NULL, s.Open(static_cast<KelIpcType>(2), Server, nullptr, nullptr));
-        EXPECT_EQ(IPC_ERR_NULL, s.Open(Process, static_cast<KelSide>(2), nullptr, nullptr));
-        EXPECT_EQ(IPC_ERR_PARAM, s.Open(static_cast<KelIpcType>(2), Server, name.c_str(), nullptr));
-        EXPECT_EQ(IPC_ERR_PARAM, s.Open(Process, static_cast<KelSide>(2), name.c_str(), nullptr));
-        EXPECT_EQ(IPC_ERR_PARAM, s.Open(Local, static_cast<KelSide>(-1), name.c_str(), nullptr));
-        EXPECT_TRUE(log.Records().empty());
-    }
-    EXPECT_FALSE(s.Opened());
-    EXPECT_EQ(0, ObjectsOf(name));
-}
-
 TEST(KelIpcSocketOptions, ClientLNonBlockWritesAllOrNothingWhileTheServersReadStillWaits) {
     for (KelIpcType type : {Process, Local}) {
         SCOPED_TRACE(TypeName(type));
@@ -314,7 +283,7 @@ TEST(KelIpcSocketOptions, ClientLNonBlockWritesAllOrNothingWhileTheServersReadSt
         EXPECT_EQ(IPC_ERR_OPENED, server.SetOption(LNonBlock, nullptr));  // too late: changes nothing
         ASSERT_EQ(IPC_OK, client.SetOption(LNonBlock, nullptr));
         ASSERT_EQ(IPC_OK, client.Open(type, Client, name.c_str(), nullptr));
-        const std::vector<char> bytes = Pattern(0, kRoom + 1);
+        const std::vector<char> bytes = kt::Pattern(kRoom + 1);
         // One byte more than fits; a Write that ignored the option would wait here for ever.
         auto oversized =
             std::async(std::launch::async, [&] { return client.Write(bytes.data(), kRoom + 1); });
@@ -354,8 +323,9 @@ TEST(KelIpcSocketOptions, SuppliedSemaphoreIsSignalledAndNoneOfTheChannelNameIsM
         EXPECT_EQ(type == Process, kt::SemExists(name + "_XR_ssm"));  // R still makes its own
         if (type == Local) {
             // Nothing is registered under the L name, so a client that wants the named one fails.
-            kt::LogCapture quiet;
+            kt::LogCapture log;
             EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Open(Local, Client, name.c_str(), nullptr));
+            EXPECT_EQ(1u, log.Count("KelLocalSemaphore Open fail, rc=-9996"));
             EXPECT_TRUE(server.Running());  // that client had attached no ring, so it stopped none
         }
         ASSERT_EQ(IPC_OK,
@@ -376,15 +346,25 @@ TEST(KelIpcSocketOptions, SuppliedSemaphoreIsSignalledAndNoneOfTheChannelNameIsM
     EXPECT_EQ(IPC_OK, serverSem.Close());
 }
 
-TEST(KelIpcSocketLifecycle, NewSocketRefusesEverythingAsNotOpened) {
+// Argument errors return before anything is created or logged.
+TEST(KelIpcSocketLifecycle, NewSocketRefusesEverythingAsNotOpenedAndOpensOnlyWithValidArguments) {
+    const std::string name = kt::UniqueName("args");
     KelIpcSocket s;
-    EXPECT_FALSE(s.Opened());
-    EXPECT_FALSE(s.Running());
     EXPECT_TRUE(AllTransfersRefused(s));
     EXPECT_EQ(IPC_ERR_NOT_OPENED, s.Write(nullptr, 0));  // the state is tested before the arguments
     for (int rc : {s.DataSize(), s.SpaceSize(), s.Close(), s.Stop(), s.Start(), s.Reset()}) {
         EXPECT_EQ(IPC_ERR_NOT_OPENED, rc);
     }
+    kt::LogCapture log;
+    EXPECT_EQ(IPC_ERR_NULL, s.Open(static_cast<KelIpcType>(2), Server, nullptr, nullptr));
+    EXPECT_EQ(IPC_ERR_NULL, s.Open(Process, static_cast<KelSide>(2), nullptr, nullptr));
+    EXPECT_EQ(IPC_ERR_PARAM, s.Open(static_cast<KelIpcType>(2), Server, name.c_str(), nullptr));
+    EXPECT_EQ(IPC_ERR_PARAM, s.Open(Process, static_cast<KelSide>(2), name.c_str(), nullptr));
+    EXPECT_EQ(IPC_ERR_PARAM, s.Open(Local, static_cast<KelSide>(-1), name.c_str(), nullptr));
+    EXPECT_TRUE(log.Records().empty());
+    EXPECT_FALSE(s.Opened());
+    EXPECT_FALSE(s.Running());
+    EXPECT_EQ(0, kt::ChannelObjects(name));
 }
 
 TEST(KelIpcSocketLifecycle, StopByEitherEndIsSeenByTheOtherProcessAndReleasesItsRead) {
@@ -395,11 +375,7 @@ TEST(KelIpcSocketLifecycle, StopByEitherEndIsSeenByTheOtherProcessAndReleasesIts
     // its checks, and nobody restarts after the client's Stop.
     kt::Child child([&] {
         KelIpcSocket client;
-        if (client.Open(Process, Client, name.c_str(), nullptr) != IPC_OK) return 1;
-        char buf[16] = {};
-        if (client.Write("r", 1) != 1) return 2;  // about to wait on R
-        if (client.Read(buf, 16) != IPC_ERR_NOT_OPENED) return 3;
-        if (client.Running() || !AllTransfersRefused(client)) return 4;
+        if (const int rc = BlockedClientIsReleased(client, name)) return rc;
         if (client.Start() != IPC_OK) return 5;
         if (!kt::WaitUntil([&] { return client.DataSize() == 1; }, kWaitMs)) return 6;
         LetPeerBlock();
@@ -493,7 +469,7 @@ TEST(KelIpcSocketOptions, OnlyValidOptionsSetWhileClosedAreKeptAcrossCloseAndReo
     EXPECT_EQ(IPC_OK, server.Close());
     EXPECT_EQ(IPC_ERR_NOT_OPENED, server.Close());
     EXPECT_FALSE(server.Opened());
-    EXPECT_EQ(0, ObjectsOf(name));
+    EXPECT_EQ(0, kt::ChannelObjects(name));
 
     ASSERT_EQ(IPC_OK, server.Open(Process, Server, name.c_str(), nullptr));  // no refused size was taken
     EXPECT_EQ(65536 - 9024 - 1, server.SpaceSize());
@@ -509,16 +485,12 @@ TEST(KelIpcSocketLifecycle, DestroyingAnOpenServerRemovesItsObjectsAndStopsTheCl
     ASSERT_EQ(IPC_OK, server->Open(Process, Server, name.c_str(), nullptr));
     kt::Child child([&] {
         KelIpcSocket client;
-        if (client.Open(Process, Client, name.c_str(), nullptr) != IPC_OK) return 1;
-        char buf[16];
-        if (client.Write("r", 1) != 1) return 2;  // about to wait on R
-        if (client.Read(buf, 16) != IPC_ERR_NOT_OPENED) return 3;
-        if (client.Running() || !AllTransfersRefused(client)) return 4;
+        if (const int rc = BlockedClientIsReleased(client, name)) return rc;
         return client.Close() == IPC_OK ? 0 : 5;  // a client only unmaps
     });
     ASSERT_TRUE(kt::WaitUntil([&] { return server->DataSize() == 1; }, kWaitMs));
     LetPeerBlock();
     server.reset();
-    EXPECT_EQ(0, ObjectsOf(name));
+    EXPECT_EQ(0, kt::ChannelObjects(name));
     EXPECT_EQ(0, child.Wait(kWaitMs));
 }

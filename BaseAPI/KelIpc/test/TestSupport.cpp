@@ -1,6 +1,5 @@
 #include "TestSupport.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
@@ -10,7 +9,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <mutex>
 #include <thread>
 
@@ -126,21 +124,14 @@ void Child::Kill() {
 }
 
 int Child::Wait(int timeoutMs) {
+    int status = 0;
     if (m_pid <= 0) return -1;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (;;) {
-        int status = 0;
-        pid_t done = waitpid(m_pid, &status, WNOHANG);
-        if (done == m_pid) {
-            m_pid = -1;
-            return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        }
-        if (std::chrono::steady_clock::now() > deadline) {
-            Kill();
-            return -1;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (!WaitUntil([&] { return waitpid(m_pid, &status, WNOHANG) == m_pid; }, timeoutMs)) {
+        Kill();
+        return -1;
     }
+    m_pid = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 int RunInChild(const std::function<int()>& fn, int timeoutMs) {
@@ -180,6 +171,27 @@ bool WaitUntil(const std::function<bool()>& pred, int timeoutMs) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+std::vector<char> Pattern(size_t n, uint64_t from) {
+    std::vector<char> bytes(n);
+    for (size_t i = 0; i < n; ++i) bytes[i] = PatternByte(from + i);
+    return bytes;
+}
+
+int64_t FirstWrong(const char* bytes, size_t n, uint64_t from) {
+    for (size_t i = 0; i < n; ++i) {
+        if (bytes[i] != PatternByte(from + i)) return static_cast<int64_t>(i);
+    }
+    return -1;
+}
+
+int ChannelObjects(const std::string& name) {
+    int n = 0;
+    for (const char* direction : {"_XL", "_XR"}) {
+        n += ShmExists(name + direction + "_shm") + SemExists(name + direction + "_ssm");
+    }
+    return n;
 }
 
 }  // namespace kt

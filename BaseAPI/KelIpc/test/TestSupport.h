@@ -71,6 +71,13 @@ bool Ready(std::future<T>& future, int timeoutMs) {
 inline char PatternByte(uint64_t i) {
     return static_cast<char>((i * 131u + (i >> 8) * 7u + 17u) & 0xffu);
 }
+// n test bytes from stream offset from on.
+std::vector<char> Pattern(size_t n, uint64_t from = 0);
+// The index of the first of n bytes that differs from the pattern at from, or -1.
+int64_t FirstWrong(const char* bytes, size_t n, uint64_t from);
+
+// How many of the segments and semaphore sets of a Process socket's two directions exist.
+int ChannelObjects(const std::string& name);
 
 }  // namespace kt
 
