@@ -1,8 +1,6 @@
-#include <fcntl.h>
 #include <grp.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
@@ -54,12 +52,6 @@ bool Exists(const std::string& object) {
     return IsSegment(object) ? kt::ShmExists(object) : kt::SemExists(object);
 }
 
-union SemArg {
-    int val;
-    struct semid_ds* buf;
-    unsigned short* array;
-};
-
 // What identifies an object (segment inode, set id; -1 when missing) and its permission bits.
 struct Facts {
     long id = -1;
@@ -68,17 +60,13 @@ struct Facts {
 
 Facts Examine(const std::string& object) {
     Facts facts;
-    if (IsSegment(object)) {
-        const int fd = open(("/dev/shm/" + object).c_str(), O_RDONLY);
-        struct stat st {};
-        if (fd >= 0 && fstat(fd, &st) == 0) facts = {static_cast<long>(st.st_ino), int(st.st_mode & 0777)};
-        if (fd >= 0) close(fd);
-    } else {
-        struct semid_ds ds {};
-        SemArg arg;
-        arg.buf = &ds;
-        const int id = semget(kt::Djb2Key(object), 1, 0);
-        if (id >= 0 && semctl(id, 0, IPC_STAT, arg) == 0) facts = {id, int(ds.sem_perm.mode & 0777)};
+    struct stat st {};
+    struct semid_ds ds {};
+    const int id = IsSegment(object) ? -1 : semget(kt::Djb2Key(object), 1, 0);
+    if (IsSegment(object) && stat(("/dev/shm/" + object).c_str(), &st) == 0) {
+        facts = {static_cast<long>(st.st_ino), int(st.st_mode & 0777)};
+    } else if (id >= 0 && semctl(id, 0, IPC_STAT, &ds) == 0) {
+        facts = {id, int(ds.sem_perm.mode & 0777)};
     }
     return facts;
 }
@@ -338,68 +326,55 @@ int UnderStorm(KelIpcSocket& socket, const std::function<int()>& transfer, const
     return rc;
 }
 
-int64_t FirstWrongByte(const std::vector<char>& bytes, uint64_t base) {
-    for (size_t i = 0; i < bytes.size(); ++i) {
-        if (bytes[i] != kt::PatternByte(base + i)) return static_cast<int64_t>(i);
+// One end streams kStormBytes to the other in a single blocking call under the storm; the far end, in a
+// child, moves them in stretches with pauses, so that the storm's end waits and is interrupted there.
+void StormTrial(bool reading) {
+    const std::string name = kt::UniqueName("storm");
+    kt::LogCapture log;  // every interrupted semaphore wait is logged
+    KelIpcSocket server;
+    ASSERT_EQ(IPC_OK, OpenEnd(server, Server, name));
+    const uint64_t base = reading ? 0 : kRBase;
+    kt::Child far([&] {
+        KelIpcSocket client;
+        if (OpenEnd(client, Client, name) != IPC_OK) return 2;
+        for (int64_t done = 0; done < kStormBytes; done += kStretch) {
+            const Flow flow = reading ? Send(client, base + done, 4000, kStretch)
+                                      : Receive(client, base + done, 4000, kStretch);
+            if (flow.code != IPC_OK || !flow.intact) return 3;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        char done = 0;  // the storm's end has taken every byte before the client closes
+        return !reading || client.Read(&done, 1) == 1 ? 0 : 4;
+    });
+    std::vector<char> bytes = reading ? std::vector<char>(kStormBytes) : kt::Pattern(kStormBytes, base);
+    const int rc = UnderStorm(
+        server,
+        [&] {
+            return reading ? server.BlockRead(bytes.data(), kStormBytes)
+                           : server.BlockWrite(bytes.data(), kStormBytes);
+        },
+        reading ? "the blocking read" : "the blocking write");
+    EXPECT_EQ(kStormBytes, rc);
+    EXPECT_EQ(-1, kt::FirstWrong(bytes.data(), bytes.size(), base));
+    if (reading) {
+        // The writer's pauses put the reader to sleep on the semaphore, where the signals cut its waits
+        // short.
+        EXPECT_GT(log.Count("semop fail, rc=-1, errno=" + std::to_string(EINTR)), 0u);
+        EXPECT_EQ(1, server.Write("x", 1));
     }
-    return -1;
+    EXPECT_EQ(0, far.Wait(kBound));
+    EXPECT_EQ(IPC_OK, server.Close());
+    for (const char* suffix : kObjects) EXPECT_FALSE(Exists(name + suffix)) << suffix;
 }
 
 }  // namespace
 
 TEST(KelReliabilitySignals, ABlockingReadInterruptedEveryMillisecondStillGetsEveryByte) {
-    const std::string name = kt::UniqueName("storm");
-    kt::LogCapture log;  // every interrupted semaphore wait is logged
-    KelIpcSocket server;
-    ASSERT_EQ(IPC_OK, OpenEnd(server, Server, name));
-    kt::Child writer([&] {
-        KelIpcSocket client;
-        if (OpenEnd(client, Client, name) != IPC_OK) return 2;
-        for (int64_t done = 0; done < kStormBytes; done += kStretch) {
-            if (Send(client, done, 4000, kStretch).code != IPC_OK) return 3;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        char done = 0;
-        return client.Read(&done, 1) == 1 ? 0 : 4;
-    });
-    std::vector<char> bytes(kStormBytes);
-    const int rc = UnderStorm(
-        server, [&] { return server.BlockRead(bytes.data(), kStormBytes); }, "the blocking read");
-    EXPECT_EQ(kStormBytes, rc);
-    EXPECT_EQ(-1, FirstWrongByte(bytes, 0));
-    // The writer's pauses put the reader to sleep on the semaphore, where the signals cut its waits short.
-    EXPECT_GT(log.Count("semop fail, rc=-1, errno=" + std::to_string(EINTR)), 0u);
-    const char done = 1;
-    EXPECT_EQ(1, server.Write(&done, 1));
-    EXPECT_EQ(0, writer.Wait(kBound));
-    EXPECT_EQ(IPC_OK, server.Close());
-    for (const char* suffix : kObjects) EXPECT_FALSE(Exists(name + suffix)) << suffix;
+    StormTrial(true);
 }
 
 TEST(KelReliabilitySignals, ABlockingWriteInterruptedEveryMillisecondStillDeliversEveryByte) {
-    const std::string name = kt::UniqueName("storm");
-    kt::LogCapture log;
-    KelIpcSocket server;
-    ASSERT_EQ(IPC_OK, OpenEnd(server, Server, name));
-    kt::Child reader([&] {
-        KelIpcSocket client;
-        if (OpenEnd(client, Client, name) != IPC_OK) return 2;
-        for (int64_t done = 0; done < kStormBytes; done += kStretch) {
-            const Flow in = Receive(client, kRBase + done, 4000, kStretch);
-            if (in.code != IPC_OK) return 3;
-            if (!in.intact) return 4;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return 0;
-    });
-    std::vector<char> bytes(kStormBytes);
-    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = kt::PatternByte(kRBase + i);
-    const int rc = UnderStorm(
-        server, [&] { return server.BlockWrite(bytes.data(), kStormBytes); }, "the blocking write");
-    EXPECT_EQ(kStormBytes, rc);
-    EXPECT_EQ(0, reader.Wait(kBound));
-    EXPECT_EQ(IPC_OK, server.Close());
-    for (const char* suffix : kObjects) EXPECT_FALSE(Exists(name + suffix)) << suffix;
+    StormTrial(false);
 }
 
 TEST(KelReliabilityPermissions, ServerObjectsGetMode0660WithoutSecurityAndExactlyAGivenMode) {

@@ -30,15 +30,10 @@ constexpr int kBlock = 32768;
 constexpr int kHead = 9024;
 constexpr int kChunk = kBlock / 50;
 
-// The documented words, by header offset.
+// The documented words, by header offset: each end's wait word and the CPU it last ran on.
+constexpr size_t kReader = 832, kReaderCpu = 836, kWriter = 896, kWriterCpu = 900;
 int32_t& Word(KelCycleBuffer& ring, size_t offset) {
     return *reinterpret_cast<int32_t*>(reinterpret_cast<char*>(ring.KelCBHeadPtr()) + offset);
-}
-int32_t& ReaderWord(KelCycleBuffer& ring) {
-    return Word(ring, 832);
-}
-int32_t& WriterWord(KelCycleBuffer& ring) {
-    return Word(ring, 896);
 }
 
 int SemValue(const std::string& name) {
@@ -59,18 +54,17 @@ struct SharedRing {
         if (block != nullptr) munmap(block, kBlock);
     }
     KelCBHead* Head() { return reinterpret_cast<KelCBHead*>(block); }
+    // The other process's end of the semaphore and, unless null, of the ring.
+    bool Peer(KelSystemSemaphore& peerSem, KelCycleBuffer* peer) {
+        return peerSem.Open(name.c_str(), Client, nullptr) == IPC_OK &&
+               (peer == nullptr || peer->AttachIpc(block, kBlock, Client, Block, &peerSem) == IPC_OK);
+    }
 
     std::string name;
     char* block = nullptr;
     KelSystemSemaphore sem;
     KelCycleBuffer server;
 };
-
-std::vector<char> Pattern(size_t n, uint64_t from = 0) {
-    std::vector<char> bytes(n);
-    for (size_t i = 0; i < n; ++i) bytes[i] = kt::PatternByte(from + i);
-    return bytes;
-}
 
 // An end written from the ring format alone: positions, run flag and a signal after every piece; it
 // never looks at the reserved area. Returns 0 when all total bytes went through in order.
@@ -141,7 +135,7 @@ bool BurstyWrite(KelCycleBuffer& ring, int64_t total, uint32_t sizeSeed, uint32_
     std::vector<char> piece;
     for (int64_t done = 0; done < total;) {
         const int n = static_cast<int>(std::min<int64_t>(1 + sizes() % (3 * kChunk), total - done));
-        piece = Pattern(n, done);
+        piece = kt::Pattern(n, done);
         if (ring.Write(piece.data(), n) != n) return false;
         done += n;
         if (consumed != nullptr && random() % 2 == 0) {
@@ -181,28 +175,29 @@ constexpr int64_t kBurstTotal = 4 << 20;
 
 TEST(KelRingHandshake, WriterSignalsOnlyAReaderThatMaySleepUntilEnoughIsStored) {
     SharedRing ring;
-    const std::vector<char> bytes = Pattern(200);
+    const std::vector<char> bytes = kt::Pattern(200);
     // A fresh ring: nobody has announced anything, so every piece signals as the bare protocol says.
-    EXPECT_EQ(0, ReaderWord(ring.server));
-    EXPECT_EQ(0, WriterWord(ring.server));
+    EXPECT_EQ(0, Word(ring.server, kReader));
+    EXPECT_EQ(0, Word(ring.server, kWriter));
     ASSERT_EQ(10, ring.server.BlockWrite(bytes.data(), 10));
     EXPECT_EQ(1, SemValue(ring.name));
 
     ASSERT_EQ(IPC_OK, ring.sem.Reset());
-    ReaderWord(ring.server) = -1;  // a reader of ours, awake
+    Word(ring.server, kReader) = -1;  // a reader of ours, awake
     ASSERT_EQ(10, ring.server.BlockWrite(bytes.data(), 10));
     EXPECT_EQ(0, SemValue(ring.name));
 
-    ReaderWord(ring.server) = 100;  // asleep until 100 bytes are stored; 20 are
+    Word(ring.server, kReader) = 100;  // asleep until 100 bytes are stored; 20 are
     ASSERT_EQ(50, ring.server.BlockWrite(bytes.data(), 50));
     EXPECT_EQ(0, SemValue(ring.name)) << "woken for 70 of the 100 bytes it waits for";
     ASSERT_EQ(50, ring.server.BlockWrite(bytes.data(), 50));
     EXPECT_EQ(1, SemValue(ring.name));
-    EXPECT_EQ(-1, ReaderWord(ring.server)) << "the writer claims the wake-up so later pieces do not signal";
+    EXPECT_EQ(-1, Word(ring.server, kReader))
+        << "the writer claims the wake-up so later pieces do not signal";
 
     // A non-blocking write never signals, whatever the word says.
     ASSERT_EQ(IPC_OK, ring.sem.Reset());
-    ReaderWord(ring.server) = 0;
+    Word(ring.server, kReader) = 0;
     ASSERT_EQ(10, ring.server.NonblockWrite(bytes.data(), 10));
     EXPECT_EQ(0, SemValue(ring.name));
 }
@@ -212,19 +207,19 @@ TEST(KelRingHandshake, ReaderWakesAWriterOnlyOnceItFreedTheRoomAskedFor) {
     KelCycleBuffer reader;
     ASSERT_EQ(IPC_OK, reader.AttachIpc(ring.block, kBlock, Client, Block, &ring.sem));
     const int dataLen = kBlock - kHead;
-    const std::vector<char> bytes = Pattern(dataLen - 1);
+    const std::vector<char> bytes = kt::Pattern(dataLen - 1);
     ASSERT_EQ(dataLen - 1, ring.server.NonblockWrite(bytes.data(), dataLen - 1));
-    WriterWord(ring.server) = 1000;  // a writer of ours waits for 1000 bytes of room
+    Word(ring.server, kWriter) = 1000;  // a writer of ours waits for 1000 bytes of room
     std::vector<char> out(1000);
     ASSERT_EQ(600, reader.NonblockRead(out.data(), 600));
-    EXPECT_EQ(1000, WriterWord(ring.server));
+    EXPECT_EQ(1000, Word(ring.server, kWriter));
     ASSERT_EQ(400, reader.NonblockRead(out.data(), 400));
-    EXPECT_EQ(0, WriterWord(ring.server));
+    EXPECT_EQ(0, Word(ring.server, kWriter));
 
     // A blocking read that leaves wakes a waiting writer whatever it freed: it frees no more.
-    WriterWord(ring.server) = 5000;
+    Word(ring.server, kWriter) = 5000;
     ASSERT_EQ(10, reader.BlockRead(out.data(), 10));
-    EXPECT_EQ(0, WriterWord(ring.server));
+    EXPECT_EQ(0, Word(ring.server, kWriter));
 }
 
 TEST(KelRingHandshake, ReaderAnnouncesItsSleepAndEveryRestartClearsTheWords) {
@@ -233,26 +228,26 @@ TEST(KelRingHandshake, ReaderAnnouncesItsSleepAndEveryRestartClearsTheWords) {
     ASSERT_EQ(IPC_OK, reader.AttachIpc(ring.block, kBlock, Client, Block, &ring.sem));
     char out[100];
     auto blocked = std::async(std::launch::async, [&] { return reader.Read(out, 100); });
-    ASSERT_TRUE(
-        kt::WaitUntil([&] { return __atomic_load_n(&ReaderWord(reader), __ATOMIC_RELAXED) == 100; }, 10000));
-    const std::vector<char> bytes = Pattern(100);
+    ASSERT_TRUE(kt::WaitUntil(
+        [&] { return __atomic_load_n(&Word(reader, kReader), __ATOMIC_RELAXED) == 100; }, 10000));
+    const std::vector<char> bytes = kt::Pattern(100);
     ASSERT_EQ(100, ring.server.BlockWrite(bytes.data(), 100));
     ASSERT_TRUE(kt::Ready(blocked, 10000));
     EXPECT_EQ(100, blocked.get());
     EXPECT_EQ(0, std::memcmp(bytes.data(), out, 100));
-    EXPECT_EQ(-1, ReaderWord(reader)) << "awake between reads, announced again before any sleep";
+    EXPECT_EQ(-1, Word(reader, kReader)) << "awake between reads, announced again before any sleep";
 
     // Reset, Start and Stop all begin the handshake anew: both words and both CPU words zero.
     const auto cleared = [&] {
-        return ReaderWord(reader) == 0 && WriterWord(reader) == 0 && Word(reader, 836) == 0 &&
-               Word(reader, 900) == 0;
+        return Word(reader, kReader) == 0 && Word(reader, kWriter) == 0 && Word(reader, kReaderCpu) == 0 &&
+               Word(reader, kWriterCpu) == 0;
     };
     for (int (KelCycleBuffer::*restart)() :
          {&KelCycleBuffer::Reset, &KelCycleBuffer::Start, &KelCycleBuffer::Stop}) {
-        ReaderWord(reader) = -1;
-        WriterWord(reader) = 7;
-        Word(reader, 836) = 1;
-        Word(reader, 900) = 2;
+        Word(reader, kReader) = -1;
+        Word(reader, kWriter) = 7;
+        Word(reader, kReaderCpu) = 1;
+        Word(reader, kWriterCpu) = 2;
         EXPECT_EQ(IPC_OK, (ring.server.*restart)());
         EXPECT_TRUE(cleared());
     }
@@ -268,8 +263,7 @@ TEST(KelRingHandshake, EndsThatIgnoreTheWordsStreamWithOursBothWays) {
         SharedRing ring;
         kt::Child writer([&] {
             KelSystemSemaphore sem;
-            if (sem.Open(ring.name.c_str(), Client, nullptr) != IPC_OK) return 3;
-            return BareWrite(ring.Head(), sem, total);
+            return ring.Peer(sem, nullptr) ? BareWrite(ring.Head(), sem, total) : 3;
         });
         KelCycleBuffer reader;
         ASSERT_EQ(IPC_OK, reader.AttachIpc(ring.block, kBlock, Client, Block, &ring.sem));
@@ -283,8 +277,7 @@ TEST(KelRingHandshake, EndsThatIgnoreTheWordsStreamWithOursBothWays) {
         SharedRing ring;
         kt::Child reader([&] {
             KelSystemSemaphore sem;
-            if (sem.Open(ring.name.c_str(), Client, nullptr) != IPC_OK) return 3;
-            return BareRead(ring.Head(), sem, total);
+            return ring.Peer(sem, nullptr) ? BareRead(ring.Head(), sem, total) : 3;
         });
         auto written =
             std::async(std::launch::async, [&] { return BurstyWrite(ring.server, total, 3, 4, nullptr); });
@@ -325,8 +318,7 @@ TEST(KelRingHandshake, BurstsWithRandomPausesLoseNoWakeUpBetweenProcesses) {
     kt::Child child([&] {
         KelSystemSemaphore sem;
         KelCycleBuffer reader;
-        if (sem.Open(ring.name.c_str(), Client, nullptr) != IPC_OK) return 3;
-        if (reader.AttachIpc(ring.block, kBlock, Client, Block, &sem) != IPC_OK) return 4;
+        if (!ring.Peer(sem, &reader)) return 3;
         return BurstyRead(reader, kBurstTotal, 21, 22, consumed) == -1 ? 0 : 1;
     });
     auto written = std::async(std::launch::async,
@@ -366,6 +358,7 @@ struct State {
 bool ReaderStep(const Model& m, State& s) {
     switch (s.rpc) {
         case 0:
+        case 5:
             s.word = -1;
             s.rpc = 1;
             return true;
@@ -383,10 +376,6 @@ bool ReaderStep(const Model& m, State& s) {
             if (s.sem == 0) return false;
             s.sem = 0;
             s.rpc = 5;
-            return true;
-        case 5:
-            s.word = -1;
-            s.rpc = 1;
             return true;
         default:
             return false;

@@ -34,9 +34,6 @@ bool Filled(const char* data, int length, char value) {
     return true;
 }
 
-std::vector<std::string> Lines(const kt::LogCapture& log) {
-    return log.Lines(kSource);
-}
 using Expected = std::vector<std::string>;
 
 class KelShareMemoryTest : public ::testing::Test {
@@ -101,7 +98,7 @@ TEST_F(KelShareMemoryTest, ServerWithResetReplacesExistingSegmentWhileOldMapping
     EXPECT_FALSE(kt::ShmExists(m_name));
     // The first server's name is already gone; its failed unlink is logged but Close still succeeds.
     EXPECT_EQ(first.Close(), IPC_OK);
-    EXPECT_EQ(Lines(log), Expected{"CleanResource|shm_unlink fail, rc=-1, errno=" + kEnoent});
+    EXPECT_EQ(log.Lines(kSource), Expected{"CleanResource|shm_unlink fail, rc=-1, errno=" + kEnoent});
 }
 
 TEST_F(KelShareMemoryTest, ServerCloseRemovesNameWhileAttachedClientKeepsWorking) {
@@ -116,7 +113,7 @@ TEST_F(KelShareMemoryTest, ServerCloseRemovesNameWhileAttachedClientKeepsWorking
 
     kt::LogCapture log;
     EXPECT_EQ(late.Open(m_name.c_str(), 4096, Client, nullptr), IPC_ERR_FAILED);
-    EXPECT_EQ(Lines(log), Expected{"ShmClientOpen|shm_open fail, m_fileMap=-1, errno=" + kEnoent});
+    EXPECT_EQ(log.Lines(kSource), Expected{"ShmClientOpen|shm_open fail, m_fileMap=-1, errno=" + kEnoent});
     EXPECT_FALSE(kt::ShmExists(m_name));  // a client never creates
     EXPECT_EQ(late.Data(), nullptr);
     EXPECT_EQ(late.Close(), IPC_ERR_NOT_OPENED);
@@ -152,7 +149,7 @@ TEST_F(KelShareMemoryTest, ClientNeedsExactSizeAndLeavesSegmentAlone) {
     EXPECT_EQ(client.Open(m_name.c_str(), 8192, Client, nullptr), IPC_ERR_FAILED);
     errno = 0;
     EXPECT_EQ(client.Open(m_name.c_str(), -1, Client, nullptr), IPC_ERR_FAILED);
-    EXPECT_EQ(Lines(log),
+    EXPECT_EQ(log.Lines(kSource),
               (Expected{"ShmClientOpen|fstat fail, rc=0, errno=0, st.st_size=4096, shmLength=8192",
                         "ShmClientOpen|fstat fail, rc=0, errno=0, st.st_size=4096, shmLength=-1"}));
     EXPECT_EQ(client.Data(), nullptr);
@@ -170,11 +167,11 @@ TEST_F(KelShareMemoryTest, ServerLengthZeroFailsAtMmapAndNegativeAtFtruncate) {
     kt::RemoveShm(m_name);
     EXPECT_EQ(shm.Open(m_name.c_str(), -1, Server, nullptr, false), IPC_ERR_FAILED);
     EXPECT_EQ(shm.Close(), IPC_ERR_NOT_OPENED);
-    EXPECT_EQ(Lines(log), (Expected{"ShmServerOpen|mmap fail, errno=" + kEinval,
-                                    "ShmResetOpen|ftruncate fail, rc=-1, errno=" + kEinval,
-                                    "ShmServerOpen|shm_open failed",
-                                    "ShmNoResetOpen|ftruncate fail, rc=-1, errno=" + kEinval,
-                                    "ShmServerOpen|shm_open failed"}));
+    EXPECT_EQ(log.Lines(kSource), (Expected{"ShmServerOpen|mmap fail, errno=" + kEinval,
+                                            "ShmResetOpen|ftruncate fail, rc=-1, errno=" + kEinval,
+                                            "ShmServerOpen|shm_open failed",
+                                            "ShmNoResetOpen|ftruncate fail, rc=-1, errno=" + kEinval,
+                                            "ShmServerOpen|shm_open failed"}));
 }
 
 TEST_F(KelShareMemoryTest, ResetOpenLeavesUmaskZeroWhileOpenWithoutResetHonoursIt) {
