@@ -15,8 +15,7 @@ TEST(KelipcDemo, VerifiesBothTransportsAndLeavesNothingBehind) {
     EXPECT_NE(std::string::npos, out.find("process")) << out;
     EXPECT_NE(std::string::npos, out.find("local")) << out;
     EXPECT_NE(std::string::npos, out.find("verdict: OK")) << out;
-    EXPECT_FALSE(kt::ShmExists(name + "_XL_shm"));
-    EXPECT_FALSE(kt::SemExists(name + "_XR_ssm"));
+    EXPECT_EQ(0, kt::ChannelObjects(name));
 }
 
 // A direction that did not arrive whole is never OK, and its row says why.
@@ -38,6 +37,5 @@ TEST(KelipcDemo, ALostClientProcessFailsItsRowsWithTheCauseAndLeavesNothingBehin
     EXPECT_NE(std::string::npos, tool.Out().find("FAILED: the client process exited")) << tool.Out();
     EXPECT_EQ(std::string::npos, tool.Out().find(" OK\n")) << tool.Out();
     EXPECT_NE(std::string::npos, tool.Out().find("verdict: FAILED")) << tool.Out();
-    EXPECT_FALSE(kt::ShmExists(name + "_XL_shm"));
-    EXPECT_FALSE(kt::SemExists(name + "_XR_ssm"));
+    EXPECT_EQ(0, kt::ChannelObjects(name));
 }

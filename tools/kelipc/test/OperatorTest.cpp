@@ -27,23 +27,9 @@ nlohmann::json InspectJson(const std::string& name) {
     return nlohmann::json::parse(out.substr(0, out.find('\n')), nullptr, false);
 }
 
-std::string Pattern(int size) {
-    std::string bytes(static_cast<size_t>(size), '\0');
-    for (int i = 0; i < size; ++i) bytes[static_cast<size_t>(i)] = kt::PatternByte(static_cast<uint64_t>(i));
-    return bytes;
-}
-
 int SemWaiters(const std::string& semName) {
     const int id = semget(kt::Djb2Key(semName), 0, 0);
     return id == -1 ? -1 : semctl(id, 0, GETNCNT);
-}
-
-bool AllObjectsExist(const std::string& name, bool exist) {
-    for (const char* dir : {"_XL", "_XR"}) {
-        if (kt::ShmExists(name + dir + "_shm") != exist || kt::SemExists(name + dir + "_ssm") != exist)
-            return false;
-    }
-    return true;
 }
 
 bool CatchesSigint(pid_t pid) {
@@ -63,7 +49,7 @@ TEST(KelipcOperator, InspectJsonShowsTheRingsAsTheEndsLeftThem) {
     KelIpcSocket client;
     ASSERT_EQ(IPC_OK, server.Open(Process, Server, name.c_str(), nullptr));
     ASSERT_EQ(IPC_OK, client.Open(Process, Client, name.c_str(), nullptr));
-    const std::string payload = Pattern(1000);
+    const std::vector<char> payload = kt::Pattern(1000);
     ASSERT_EQ(1000, client.Write(payload.data(), 1000));
     ASSERT_EQ(300, server.Write(payload.data(), 300));
     char buffer[400];
@@ -125,7 +111,7 @@ TEST(KelipcOperator, StopReleasesAReaderBlockedInAnotherProcessAndStartResumesIt
         if (write(report[1], &first, sizeof first) != sizeof first) return 11;
         if (!kt::WaitUntil([&] { return client.Running(); }, 10000)) return 12;
         if (client.Read(buffer, sizeof buffer) != sizeof buffer) return 13;
-        return Pattern(100) == std::string(buffer, sizeof buffer) ? 0 : 14;
+        return kt::FirstWrong(buffer, sizeof buffer, 0) == -1 ? 0 : 14;
     });
     close(report[1]);
     // Asleep on the R set: the stop has to wake it, not just clear the flag.
@@ -143,7 +129,7 @@ TEST(KelipcOperator, StopReleasesAReaderBlockedInAnotherProcessAndStartResumesIt
 
     ASSERT_EQ(0, RunTool({"start", name}, "", nullptr, &err)) << err;
     EXPECT_TRUE(server.Running());
-    const std::string payload = Pattern(100);
+    const std::vector<char> payload = kt::Pattern(100);
     ASSERT_EQ(100, server.Write(payload.data(), 100));
     EXPECT_EQ(0, child.Wait(10000));
     server.Close();
@@ -159,22 +145,22 @@ TEST(KelipcOperator, CleanRemovesOnlyTheNamedChannelAndRefusesWhileMappedUnlessF
               }));
     KelIpcSocket server;
     ASSERT_EQ(IPC_OK, server.Open(Process, Server, held.c_str(), nullptr));
-    ASSERT_TRUE(AllObjectsExist(orphan, true));
+    ASSERT_TRUE(kt::ChannelObjects(orphan) == 4);
 
     std::string out;
     std::string err;
     EXPECT_EQ(1, RunTool({"clean", held}, "", &out, &err));
     EXPECT_NE(std::string::npos, err.find("pid " + std::to_string(getpid()))) << err;
-    EXPECT_TRUE(AllObjectsExist(held, true));
+    EXPECT_TRUE(kt::ChannelObjects(held) == 4);
 
     EXPECT_EQ(0, RunTool({"clean", orphan}, "", &out, &err)) << err;
     EXPECT_NE(std::string::npos, out.find("removed segment /dev/shm/" + orphan + "_XR_shm")) << out;
-    EXPECT_TRUE(AllObjectsExist(orphan, false));
-    EXPECT_TRUE(AllObjectsExist(held, true));
+    EXPECT_TRUE(kt::ChannelObjects(orphan) == 0);
+    EXPECT_TRUE(kt::ChannelObjects(held) == 4);
     EXPECT_EQ(1, RunTool({"clean", orphan}, "", &out, &err));
 
     EXPECT_EQ(0, RunTool({"clean", "--force", held}, "", &out, &err)) << err;
-    EXPECT_TRUE(AllObjectsExist(held, false));
+    EXPECT_TRUE(kt::ChannelObjects(held) == 0);
     kt::LogCapture quiet;  // the server's own removals now find nothing
     server.Close();
 }
