@@ -5,28 +5,9 @@
 # through pkg-config. Any failure fails the run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-jobs=${KELIPC_JOBS:-2}
-build=${KELIPC_BUILD_DIR:-build}
-
-work=$(mktemp -d /tmp/kelipc-package.XXXXXX)
 # shellcheck source=scripts/installed-checks.sh
 source scripts/installed-checks.sh
-cleanup() {
-    examples_cleanup
-    rm -rf "$work"
-}
-trap cleanup EXIT
-
-fail() {
-    echo "check-package: $*" >&2
-    exit 1
-}
-
-echo "=== package ($build)"
-if [ ! -f "$build/CMakeCache.txt" ]; then
-    cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-fi
-cmake --build "$build" -j"$jobs"
+begin_check package
 cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/package" >/dev/null
 debs=("$work"/package/*.deb)
 if [ "${#debs[@]}" -ne 1 ] || [ ! -f "${debs[0]}" ]; then

@@ -1,6 +1,27 @@
-# shellcheck shell=bash disable=SC2154  # $work and $jobs come from the sourcing script
-# Sourced by check-install.sh and check-package.sh, which define fail(), $work (a scratch folder) and
-# $jobs, and call examples_cleanup on exit. Checks what the two put into an installation PREFIX.
+# shellcheck shell=bash
+# Sourced by check-install.sh and check-package.sh: the scratch folder and build both begin with, and the
+# checks of what they put into an installation PREFIX.
+jobs=${KELIPC_JOBS:-2}
+build=${KELIPC_BUILD_DIR:-build}
+check_name=check
+
+fail() {
+    echo "$check_name: $*" >&2
+    exit 1
+}
+
+# begin_check NAME: names the check in its failures, makes the scratch folder $work (removed on exit,
+# with any example server still running) and builds the build folder.
+begin_check() {
+    check_name=check-$1
+    work=$(mktemp -d "/tmp/kelipc-$1.XXXXXX")
+    trap 'examples_cleanup; rm -rf "$work"' EXIT
+    echo "=== $1 ($build)"
+    if [ ! -f "$build/CMakeCache.txt" ]; then
+        cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+    fi
+    cmake --build "$build" -j"$jobs"
+}
 
 if ! command -v pkg-config >/dev/null 2>&1; then
     if [ "$(id -u)" -eq 0 ]; then

@@ -130,11 +130,11 @@ bool SpinUntil(Ready ready, const int32_t& peerPos) {
     }
 }
 
-// The wake-up handshake between two ends of ours lives in two words of the header's reserved area, each
-// on a cache line of its own (the README documents them with the ring format). A peer that follows only
-// the bare protocol never writes them, and a word left 0 makes this end behave exactly as that protocol
-// says: a writer signals after every piece, and nobody wakes a writer that waits for room, which then
-// pauses for the whole millisecond.
+// The wake-up handshake between two ends of ours lives in four words of the header's reserved area, the
+// reader's pair and the writer's pair each on a cache line of its own (the README documents them with the
+// ring format). A peer that follows only the bare protocol never writes them, and a word left 0 makes this
+// end behave exactly as that protocol says: a writer signals after every piece, and nobody wakes a writer
+// that waits for room, which then pauses for the whole millisecond.
 //   reader word (header offset 832): 0: no reader of ours has taken part since the ring was (re)started;
 //     -1: a reader of ours takes part and is awake (it announces itself again before it sleeps);
 //     n > 0: it may be asleep on the semaphore until n bytes are stored.
