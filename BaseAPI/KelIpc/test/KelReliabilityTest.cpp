@@ -12,7 +12,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
 #include <future>
 #include <memory>
 #include <new>
@@ -77,41 +76,21 @@ struct Flow {
     int code = IPC_OK;  // the failing transfer's result; IPC_OK when the whole stream passed
 };
 
-Flow Send(KelIpcSocket& socket, uint64_t base, int piece, int64_t total) {
+// Sends, or receives and checks, total bytes of the pattern from base on. A receiver ends at the first
+// wrong byte, so that a child that is killed later has already told.
+Flow Transfer(KelIpcSocket& socket, bool sending, uint64_t base, int piece, int64_t total) {
     Flow flow;
-    std::vector<char> bytes(piece);
-    while (flow.bytes < total) {
+    while (flow.bytes < total && flow.intact) {
         const int n = static_cast<int>(std::min<int64_t>(piece, total - flow.bytes));
-        for (int i = 0; i < n; ++i) bytes[i] = kt::PatternByte(base + flow.bytes + i);
-        const int rc = socket.Write(bytes.data(), n);
+        std::vector<char> bytes = sending ? kt::Pattern(n, base + flow.bytes) : std::vector<char>(n);
+        const int rc = sending ? socket.Write(bytes.data(), n) : socket.Read(bytes.data(), n);
         if (rc != n) {
             flow.code = rc;
-            return flow;
+            break;
         }
-        flow.bytes += n;
-    }
-    return flow;
-}
-
-// Ends at the first wrong byte, so that a child that is killed later has already told.
-Flow Receive(KelIpcSocket& socket, uint64_t base, int piece, int64_t total) {
-    Flow flow;
-    std::vector<char> bytes(piece);
-    while (flow.bytes < total) {
-        const int n = static_cast<int>(std::min<int64_t>(piece, total - flow.bytes));
-        const int rc = socket.Read(bytes.data(), n);
-        if (rc != n) {
-            flow.code = rc;
-            return flow;
-        }
-        for (int i = 0; i < n; ++i) {
-            if (bytes[i] != kt::PatternByte(base + flow.bytes + i)) {
-                flow.intact = false;
-                flow.bytes += i;
-                return flow;
-            }
-        }
-        flow.bytes += n;
+        const int64_t wrong = sending ? -1 : kt::FirstWrong(bytes.data(), n, base + flow.bytes);
+        flow.intact = wrong < 0;
+        flow.bytes += flow.intact ? n : wrong;
     }
     return flow;
 }
@@ -153,9 +132,9 @@ int StreamUntilKilled(const std::string& name, KelSide side, int piece, Notes* n
     notes->ready.store(1);
     const uint64_t in = side == Server ? 0 : kRBase;
     std::thread reader([&] {
-        if (!Receive(socket, in, piece, kEndless).intact) notes->corrupt.store(1);
+        if (!Transfer(socket, false, in, piece, kEndless).intact) notes->corrupt.store(1);
     });
-    Send(socket, in == 0 ? kRBase : 0, piece, kEndless);
+    Transfer(socket, true, in == 0 ? kRBase : 0, piece, kEndless);
     reader.join();
     return 0;
 }
@@ -172,8 +151,8 @@ void ServeFreshPair(const std::string& name, const std::vector<Facts>& left) {
     kt::Child client([&] {
         KelIpcSocket socket;
         if (OpenEnd(socket, Client, name) != IPC_OK) return 2;
-        if (Send(socket, 0, 4000, kShortStream).code != IPC_OK) return 3;
-        const Flow in = Receive(socket, kRBase, 4000, kShortStream);
+        if (Transfer(socket, true, 0, 4000, kShortStream).code != IPC_OK) return 3;
+        const Flow in = Transfer(socket, false, kRBase, 4000, kShortStream);
         if (in.code != IPC_OK || !in.intact) return 4;
         // Closing stops and empties both rings: wait until the server has read everything.
         char done = 0;
@@ -181,8 +160,8 @@ void ServeFreshPair(const std::string& name, const std::vector<Facts>& left) {
         return socket.Close() == IPC_OK ? 0 : 6;
     });
     auto served = std::async(std::launch::async, [&] {
-        const Flow out = Send(server, kRBase, 4000, kShortStream);
-        const Flow in = Receive(server, 0, 4000, kShortStream);
+        const Flow out = Transfer(server, true, kRBase, 4000, kShortStream);
+        const Flow in = Transfer(server, false, 0, 4000, kShortStream);
         const char done = 1;
         return out.code == IPC_OK && in.code == IPC_OK && in.intact && server.Write(&done, 1) == 1;
     });
@@ -210,9 +189,10 @@ void CrashTrial(KelSide killed, std::mt19937& random, Notes* notes) {
         ASSERT_EQ(IPC_OK, OpenEnd(survivor, Client, name));
     }
     const uint64_t in = kept == Server ? 0 : kRBase;
-    auto sent =
-        std::async(std::launch::async, [&] { return Send(survivor, in == 0 ? kRBase : 0, piece, kEndless); });
-    auto received = std::async(std::launch::async, [&] { return Receive(survivor, in, piece, kEndless); });
+    auto sent = std::async(std::launch::async,
+                           [&] { return Transfer(survivor, true, in == 0 ? kRBase : 0, piece, kEndless); });
+    auto received =
+        std::async(std::launch::async, [&] { return Transfer(survivor, false, in, piece, kEndless); });
     std::this_thread::sleep_for(std::chrono::microseconds(delayUs));
     child->Kill();
     // With the peer gone nothing wakes the survivor's reader or drains its writer's ring: only a Stop.
@@ -245,7 +225,7 @@ void RunCrashTrials(KelSide killed, uint32_t seed) {
         CrashTrial(killed, random, notes.get());
     }
     // A peer's crash is no failure of the survivor's calls: none of them has anything to log.
-    for (const std::string& message : log.Messages()) ADD_FAILURE() << "logged: " << message;
+    for (const KelLogRecord& record : log.Records()) ADD_FAILURE() << "logged: " << record.message;
 }
 
 }  // namespace
@@ -270,62 +250,6 @@ void CountSignal(int) {
     g_signals.fetch_add(1, std::memory_order_relaxed);
 }
 
-// Sends SIGUSR1 to one thread every millisecond. The handler has no SA_RESTART, so every wait of that
-// thread may end early with EINTR. The previous handler comes back at the end.
-class SignalStorm {
-public:
-    SignalStorm() {
-        struct sigaction action {};
-        action.sa_handler = CountSignal;
-        sigemptyset(&action.sa_mask);
-        action.sa_flags = 0;
-        m_installed = sigaction(SIGUSR1, &action, &m_previous) == 0;
-    }
-    ~SignalStorm() {
-        Calm();
-        if (m_installed) sigaction(SIGUSR1, &m_previous, nullptr);
-    }
-    bool Installed() const { return m_installed; }
-    // The target must stay joinable until Calm returns.
-    void Aim(pthread_t target) {
-        m_storm = std::thread([this, target] {
-            while (!m_calm.load()) {
-                pthread_kill(target, SIGUSR1);
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            }
-        });
-    }
-    void Calm() {
-        m_calm.store(true);
-        if (m_storm.joinable()) m_storm.join();
-    }
-
-private:
-    struct sigaction m_previous {};
-    bool m_installed = false;
-    std::atomic<bool> m_calm{false};
-    std::thread m_storm;
-};
-
-// Runs one transfer on its own thread under the storm; the result, or the run ends (see Settle).
-int UnderStorm(KelIpcSocket& socket, const std::function<int()>& transfer, const char* what) {
-    SignalStorm storm;
-    if (!storm.Installed()) {
-        ADD_FAILURE() << "sigaction failed";
-        return IPC_ERR_FAILED;
-    }
-    g_signals.store(0);
-    std::packaged_task<int()> task(transfer);
-    std::future<int> result = task.get_future();
-    std::thread worker(std::move(task));
-    storm.Aim(worker.native_handle());
-    const int rc = Settle(result, &socket, what);
-    storm.Calm();
-    worker.join();
-    EXPECT_GT(g_signals.load(), 0) << "no signal reached the transfer";
-    return rc;
-}
-
 // One end streams kStormBytes to the other in a single blocking call under the storm; the far end, in a
 // child, moves them in stretches with pauses, so that the storm's end waits and is interrupted there.
 void StormTrial(bool reading) {
@@ -338,8 +262,7 @@ void StormTrial(bool reading) {
         KelIpcSocket client;
         if (OpenEnd(client, Client, name) != IPC_OK) return 2;
         for (int64_t done = 0; done < kStormBytes; done += kStretch) {
-            const Flow flow = reading ? Send(client, base + done, 4000, kStretch)
-                                      : Receive(client, base + done, 4000, kStretch);
+            const Flow flow = Transfer(client, reading, base + done, 4000, kStretch);
             if (flow.code != IPC_OK || !flow.intact) return 3;
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
@@ -347,13 +270,32 @@ void StormTrial(bool reading) {
         return !reading || client.Read(&done, 1) == 1 ? 0 : 4;
     });
     std::vector<char> bytes = reading ? std::vector<char>(kStormBytes) : kt::Pattern(kStormBytes, base);
-    const int rc = UnderStorm(
-        server,
-        [&] {
-            return reading ? server.BlockRead(bytes.data(), kStormBytes)
-                           : server.BlockWrite(bytes.data(), kStormBytes);
-        },
-        reading ? "the blocking read" : "the blocking write");
+    // SIGUSR1 to the transfer's thread every millisecond; without SA_RESTART every wait of that thread may
+    // end early with EINTR.
+    struct sigaction action {};
+    struct sigaction previous {};
+    action.sa_handler = CountSignal;
+    sigemptyset(&action.sa_mask);
+    ASSERT_EQ(0, sigaction(SIGUSR1, &action, &previous));
+    g_signals.store(0);
+    std::packaged_task<int()> task([&] {
+        return reading ? server.BlockRead(bytes.data(), kStormBytes)
+                       : server.BlockWrite(bytes.data(), kStormBytes);
+    });
+    std::future<int> result = task.get_future();
+    std::thread worker(std::move(task));
+    std::atomic<bool> calm{false};
+    std::thread storm([&] {
+        for (; !calm.load(); std::this_thread::sleep_for(std::chrono::milliseconds(1))) {
+            pthread_kill(worker.native_handle(), SIGUSR1);
+        }
+    });
+    const int rc = Settle(result, &server, reading ? "the blocking read" : "the blocking write");
+    calm.store(true);
+    storm.join();
+    worker.join();
+    sigaction(SIGUSR1, &previous, nullptr);
+    EXPECT_GT(g_signals.load(), 0) << "no signal reached the transfer";
     EXPECT_EQ(kStormBytes, rc);
     EXPECT_EQ(-1, kt::FirstWrong(bytes.data(), bytes.size(), base));
     if (reading) {

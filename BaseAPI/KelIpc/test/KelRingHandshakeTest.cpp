@@ -116,16 +116,9 @@ int BareRead(KelCBHead* head, KelSystemSemaphore& sem, int64_t total) {
 // no later piece would hide it. For that the reader reads in the writer's sizes (the same seed), so
 // that its read never waits for bytes the writer holds back.
 void Pause(std::mt19937& random) {
-    switch (random() % 8) {
-        case 0:
-            std::this_thread::sleep_for(std::chrono::microseconds(random() % 300));
-            break;
-        case 1:
-            std::this_thread::yield();
-            break;
-        default:
-            break;
-    }
+    const uint32_t kind = random() % 8;
+    if (kind == 0) std::this_thread::sleep_for(std::chrono::microseconds(random() % 300));
+    if (kind == 1) std::this_thread::yield();
 }
 
 bool BurstyWrite(KelCycleBuffer& ring, int64_t total, uint32_t sizeSeed, uint32_t pauseSeed,

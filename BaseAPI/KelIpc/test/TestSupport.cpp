@@ -76,12 +76,6 @@ std::vector<KelLogRecord> LogCapture::Records() const {
     return m_state->records;
 }
 
-std::vector<std::string> LogCapture::Messages() const {
-    std::vector<std::string> messages;
-    for (const KelLogRecord& record : Records()) messages.push_back(record.message);
-    return messages;
-}
-
 size_t LogCapture::Count(const std::string& message) const {
     size_t n = 0;
     for (const KelLogRecord& record : Records()) n += record.message == message ? 1 : 0;

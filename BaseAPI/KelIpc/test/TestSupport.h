@@ -25,7 +25,6 @@ public:
     LogCapture();
     ~LogCapture();
     std::vector<KelLogRecord> Records() const;
-    std::vector<std::string> Messages() const;
     size_t Count(const std::string& message) const;
     // Each record as "function|message", after checking that it came from file at level 1.
     std::vector<std::string> Lines(const std::string& file) const;
