@@ -41,6 +41,7 @@ static_assert(offsetof(KelCBHead, reserved) == 832, "reserved offset");
 class KelSemaphore;
 class KelSystemSemaphore;
 class KelCycleBufferPrivate;
+struct KelRingWatch;
 
 // A single-producer, single-consumer byte ring living entirely in a caller-supplied block: a KelCBHead
 // followed by the data area. Two objects (in one process or two) attached to the same block see the same
@@ -101,6 +102,8 @@ public:
     int GetIpcStatus(KelIpcStatus& status);
 
 private:
+    friend void KelCycleBufferWatch(KelCycleBuffer& ring,
+                                    const KelRingWatch& watch);  // the library's channels
     KelCycleBufferPrivate* m_private;
 };
 

@@ -7,14 +7,18 @@ enum KelIpcType : int32_t { Process = 0, Local = 1 };
 
 // Options set before Open. Sizes point to an int (the whole block, ring header included); a semaphore
 // option is the caller's KelSystemSemaphore (Process) or KelSemaphore (Local), or null for the channel's
-// own; the NonBlock options make that direction's Read and Write of this end non-blocking.
+// own; the NonBlock options make that direction's Read and Write of this end non-blocking. The timeouts
+// point to an int of milliseconds that a blocking Read or Write of this end may wait in all (0, the
+// default: no limit); see Read below for what a call that runs out returns.
 enum KelIpcOptionName : int32_t {
     LBufferSize = 0,
     RBufferSize,
     LSemaphore,
     RSemaphore,
     LNonBlock,
-    RNonBlock
+    RNonBlock,
+    ReadTimeout,
+    WriteTimeout
 };
 
 class KelIpcSocketPrivate;
@@ -37,6 +41,11 @@ public:
 
     // Write follows the direction's mode; BlockWrite always waits until all bytes have passed;
     // NonBlockWrite passes all or nothing at once. Results: the byte count, 0 (nothing passed), or a code.
+    // A blocking call that ends early because its timeout ran out or the other end's process died returns
+    // the bytes it had moved, a short count, when there are any (the caller resumes after them; nothing is
+    // lost or repeated), otherwise IPC_ERR_TIMEOUT or IPC_ERR_PEER_GONE. A reader gets every byte the dead
+    // end had written before the code; DataSize, SpaceSize and the NonBlock calls report the code once the
+    // ring has nothing left to give. An end whose peer takes no part in liveness is never told it is gone.
     int Write(const char* data, int length);
     int BlockWrite(const char* data, int length);
     int NonBlockWrite(const char* data, int length);

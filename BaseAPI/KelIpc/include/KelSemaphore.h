@@ -1,6 +1,7 @@
 #ifndef KEL_SEMAPHORE_H
 #define KEL_SEMAPHORE_H
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -19,6 +20,17 @@ public:
             m_cond.wait(lock);
         }
         --m_count;
+    }
+
+    // As Acquire, for at most the given time; false when it ran out with the count still 0.
+    bool AcquireFor(int milliseconds) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (!m_cond.wait_for(lock, std::chrono::milliseconds(milliseconds),
+                             [this] { return m_count != 0; })) {
+            return false;
+        }
+        --m_count;
+        return true;
     }
 
     // Raises the count by one and wakes one waiter; never blocks.

@@ -30,7 +30,7 @@ public:
     KelShareMemory& operator=(const KelShareMemory&) = delete;
 
     // IPC_OK, IPC_ERR_NULL, IPC_ERR_OPENED, IPC_ERR_PARAM, or IPC_ERR_FAILED after logging; a failed
-    // open holds nothing. A server open with reset sets the process umask to 0.
+    // open holds nothing. A server open with reset gives the segment exactly the mode asked for.
     int Open(const char* name, int shmLength, KelSide side, const KelSecurity* security);
     // As above, recording first whether a server open removes and recreates the segment (reset true) or
     // takes an existing one with its bytes (reset false, and the segment is then left in place on Close).
@@ -40,6 +40,7 @@ public:
     char* Data();  // the mapping, null when not open
     void Reset();  // zeroes the whole mapping when open
 private:
+    friend int KelShareMemoryDescriptor(KelShareMemory& memory);  // the library's liveness tokens
     KelShareMemoryPrivate* m_private;
 };
 

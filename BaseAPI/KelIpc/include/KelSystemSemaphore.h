@@ -24,6 +24,8 @@ public:
     // signal or when the set is removed; errno then tells which.
     int Acquire();
     int Acquire(int ignored);  // the same as Acquire()
+    // As Acquire, for at most the given time: IPC_ERR_TIMEOUT, not logged, when it runs out.
+    int AcquireFor(int milliseconds);
     // Sets the signal; several releases before one Acquire amount to one wake-up.
     int Release();
     // Drops a pending signal.

@@ -16,9 +16,9 @@ public:
     void MarkOpened() { m_opened = true; }
     KelCycleBuffer& Buffer() { return m_buffer; }
 
-    // Marks the channel closed and stops its ring if it still runs, so that transfers blocked on either
-    // end return; a failed stop is logged under logPath. False when the channel was not open.
-    bool Close(const char* logPath);
+    // Marks the channel closed and, when stop is set, stops its ring if it still runs, so that transfers
+    // blocked on either end return; a failed stop is logged under logPath. False when it was not open.
+    bool Close(const char* logPath, bool stop);
 
     // Write and Read leave the argument tests to the ring; the Block and NonBlock forms test here.
     int Write(const char* data, int length) {

@@ -17,6 +17,8 @@ constexpr CodeMeaning kMeanings[] = {
     {IPC_ERR_PARAM, "an argument is out of range"},
     {IPC_ERR_OPENED, "already open, or the name is already in use"},
     {IPC_ERR_NOT_OPENED, "not open or not running, or no server of that name"},
+    {IPC_ERR_PEER_GONE, "the other end's process has died and nothing is left to read"},
+    {IPC_ERR_TIMEOUT, "the wait ran out before anything moved"},
 };
 
 }  // namespace

@@ -8,7 +8,8 @@ namespace {
 const char kLogPath[] = "BaseAPI/KelIpc/src/KelLocalSockImpl";
 }
 
-int KelLocalSockImpl::Open(KelSide side, const char* name, int size, KelSemaphore* semaphore, KelMode mode) {
+int KelLocalSockImpl::Open(KelSide side, const char* name, int size, KelSemaphore* semaphore, KelMode mode,
+                           const KelRingWatch& watch) {
     if (m_ring.Opened()) return IPC_ERR_OPENED;
     if (name == nullptr) return IPC_ERR_NULL;
     const std::string base(name);
@@ -33,12 +34,13 @@ int KelLocalSockImpl::Open(KelSide side, const char* name, int size, KelSemaphor
         CleanResource();
         return rc;
     }
+    KelCycleBufferWatch(m_ring.Buffer(), watch);
     m_ring.MarkOpened();
     return IPC_OK;
 }
 
-int KelLocalSockImpl::Close() {
-    if (!m_ring.Close(kLogPath)) return IPC_ERR_NOT_OPENED;
+int KelLocalSockImpl::Close(bool stop) {
+    if (!m_ring.Close(kLogPath, stop)) return IPC_ERR_NOT_OPENED;
     CleanResource();
     return IPC_OK;
 }

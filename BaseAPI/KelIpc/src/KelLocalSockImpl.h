@@ -2,6 +2,7 @@
 #define KEL_LOCAL_SOCK_IMPL_H
 
 #include "KelChannelRing.h"
+#include "KelCycleBuffer/KelRingWatch.h"
 #include "KelLocalMemory.h"
 #include "KelLocalSemaphore.h"
 
@@ -16,10 +17,12 @@ public:
     KelLocalSockImpl& operator=(const KelLocalSockImpl&) = delete;
 
     // IPC_OK, or the failing step's code with every registration made so far released again.
-    // IPC_ERR_OPENED, changing nothing, on an open channel.
-    int Open(KelSide side, const char* name, int size, KelSemaphore* semaphore, KelMode mode);
-    // Stops the ring if it runs, then releases pool and semaphore. IPC_ERR_NOT_OPENED when closed.
-    int Close();
+    // IPC_ERR_OPENED, changing nothing, on an open channel. watch carries the timeouts.
+    int Open(KelSide side, const char* name, int size, KelSemaphore* semaphore, KelMode mode,
+             const KelRingWatch& watch = KelRingWatch());
+    // Stops the ring if it runs (unless stop is false), then releases pool and semaphore.
+    // IPC_ERR_NOT_OPENED when closed.
+    int Close(bool stop = true);
     KelChannelRing& Ring() { return m_ring; }
 
 private:

@@ -39,7 +39,7 @@ using Expected = std::vector<std::string>;
 class KelShareMemoryTest : public ::testing::Test {
 protected:
     void SetUp() override { m_umask = umask(022); }
-    // A server open with reset leaves the process umask at 0; give other tests theirs back.
+    // Tests set their own umask; give other tests theirs back.
     void TearDown() override {
         umask(m_umask);
         kt::RemoveShm(m_name);
@@ -174,13 +174,13 @@ TEST_F(KelShareMemoryTest, ServerLengthZeroFailsAtMmapAndNegativeAtFtruncate) {
                                             "ShmServerOpen|shm_open failed"}));
 }
 
-TEST_F(KelShareMemoryTest, ResetOpenLeavesUmaskZeroWhileOpenWithoutResetHonoursIt) {
+TEST_F(KelShareMemoryTest, ResetOpenSetsExactlyTheModeAskedForWithoutTouchingTheUmask) {
     const std::string plain = kt::UniqueName("seg") + "_shm";
     KelShareMemory withReset, withoutReset;
     umask(077);
     const KelSecurity security{0640};
     ASSERT_EQ(withReset.Open(m_name.c_str(), 4096, Server, &security), IPC_OK);
-    EXPECT_EQ(umask(077), 0u);
+    EXPECT_EQ(umask(077), 077u);
     EXPECT_EQ(StatOf(m_name).mode, 0640u);
     ASSERT_EQ(withoutReset.Open(plain.c_str(), 4096, Server, nullptr, false), IPC_OK);
     EXPECT_EQ(StatOf(plain).mode, 0600u);  // 0660 less the mask

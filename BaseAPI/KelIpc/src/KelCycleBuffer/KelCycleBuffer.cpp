@@ -15,6 +15,7 @@
 
 #include "KelDateTime.h"
 #include "KelIpcLog.h"
+#include "KelRingWatch.h"
 #include "KelSecureMem.h"
 #include "KelSemaphore.h"
 #include "KelSystemSemaphore.h"
@@ -30,6 +31,43 @@ constexpr int kWriterPauseMs = 1;
 constexpr int kStopPauseMs = 10;
 constexpr int kStopChecks = 10;
 constexpr size_t kGcmLength = sizeof(KelCBHead::gcmData);
+// An end that can learn of its peer's death sleeps at most this long at a time before it looks again, and
+// a look is trusted for a while, so that a flowing stream pays a clock read per call, not a system call.
+constexpr int kLivenessPollMs = 150;
+constexpr int64_t kLivenessTrustNs = 100 * 1000000LL;
+
+int64_t CoarseNowNs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000000LL + now.tv_nsec;
+}
+
+// The end of a blocking call's bounded wait, when it has one.
+class Deadline {
+public:
+    explicit Deadline(int timeoutMs)
+        : m_bounded(timeoutMs > 0),
+          m_end(std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs)) {}
+    bool Passed() const { return m_bounded && std::chrono::steady_clock::now() >= m_end; }
+    // How long the next sleep may last: up to the deadline, and no longer than pollMs when that is set
+    // (0: without limit).
+    int SleepMs(int pollMs) const {
+        if (!m_bounded) return pollMs;
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(m_end - std::chrono::steady_clock::now());
+        const int leftMs = static_cast<int>(std::max<int64_t>(1, left.count() + 1));
+        return pollMs > 0 ? std::min(pollMs, leftMs) : leftMs;
+    }
+
+private:
+    bool m_bounded;
+    std::chrono::steady_clock::time_point m_end;
+};
+
+// What a blocking call that ends early returns: the bytes it moved, when there are any, else the code.
+inline int EarlyEnd(int moved, int code) {
+    return moved > 0 ? moved : code;
+}
 
 // The header words are shared with another thread or process, so every access is atomic. A side loads
 // the peer's position with acquire (the peer's copies are complete before it published the position)
@@ -210,6 +248,9 @@ public:
     bool m_prefetch = false;   // writes ask for the ring's lines ahead of the copy
     std::atomic<bool> m_writing{false};
     std::atomic<bool> m_reading{false};
+    KelRingWatch m_watch;
+    std::atomic<int64_t> m_nextLook{0};  // coarse clock time after which a liveness answer is stale
+    std::atomic<bool> m_peerGone{false};
     std::mutex m_attachMutex;
     std::mutex m_readMutex;
     std::mutex m_writeMutex;
@@ -233,9 +274,14 @@ public:
         return len < 1 ? 0 : Free(len, LoadAcquire(m_head->writePos), LoadAcquire(m_head->readPos));
     }
 
-    int WaitOnSemaphore();
+    int DataNow() const;
+    int SpaceNow() const;
+    bool PeerGone(bool fresh);
+    int WaitOnSemaphore(int timeoutMs);
     int WakeReader(KelCycleBuffer& ring);
-    int SleepForData(KelCycleBuffer& ring, int piece, int left);
+    int SleepForData(int piece, int left, int timeoutMs);
+    int WriteOnce(const char* data, int count);
+    int ReadOnce(char* buffer, int count);
     int32_t Batch(int piece, int left) const;
     void WakeWriter(bool anyRoom);
     void SleepForRoom(int piece, int left);
@@ -257,14 +303,47 @@ void KelCycleBufferPrivate::Futex(int32_t* word, int op, int32_t value, const ti
     errno = err;
 }
 
-int KelCycleBufferPrivate::WaitOnSemaphore() {
+int KelCycleBufferPrivate::DataNow() const {
+    if (!IsRunning()) return 0;
+    const int32_t len = LoadRelaxed(m_head->dataLen);
+    if (len < 1) return 0;
+    return ClampToInt(Used(len, LoadAcquire(m_head->writePos), LoadAcquire(m_head->readPos)));
+}
+
+int KelCycleBufferPrivate::SpaceNow() const {
+    if (!IsRunning()) return 0;
+    const int32_t len = LoadRelaxed(m_head->dataLen);
+    if (len < 1) return 0;
+    return ClampToInt(Free(len, LoadAcquire(m_head->writePos), LoadAcquire(m_head->readPos)));
+}
+
+// A fresh look after a sleep; otherwise an answer younger than kLivenessTrustNs stands.
+bool KelCycleBufferPrivate::PeerGone(bool fresh) {
+    if (m_watch.peerGone == nullptr) return false;
+    const int64_t now = CoarseNowNs();
+    if (!fresh && now < m_nextLook.load(std::memory_order_relaxed)) {
+        return m_peerGone.load(std::memory_order_relaxed);
+    }
+    const bool gone = m_watch.peerGone(m_watch.context);
+    m_peerGone.store(gone, std::memory_order_relaxed);
+    m_nextLook.store(now + kLivenessTrustNs, std::memory_order_relaxed);
+    return gone;
+}
+
+// timeoutMs 0 waits without limit; a wait that runs out counts as a wake-up: the caller looks again.
+int KelCycleBufferPrivate::WaitOnSemaphore(int timeoutMs) {
     if (m_localSem != nullptr) {
-        m_localSem->Acquire();
+        if (timeoutMs > 0) {
+            m_localSem->AcquireFor(timeoutMs);
+        } else {
+            m_localSem->Acquire();
+        }
         if (m_systemSem == nullptr) return IPC_OK;
     } else if (m_systemSem == nullptr) {
         return IPC_ERR_NOT_OPENED;
     }
-    if (m_systemSem->Acquire() == IPC_OK) return IPC_OK;
+    const int rc = m_systemSem->AcquireFor(timeoutMs);
+    if (rc == IPC_OK || rc == IPC_ERR_TIMEOUT) return IPC_OK;
     // An interrupted wait counts as a wake-up: the caller tests the ring again.
     return errno == EINTR || errno == EAGAIN ? IPC_OK : IPC_ERR_FAILED;
 }
@@ -289,13 +368,13 @@ int KelCycleBufferPrivate::WakeReader(KelCycleBuffer& ring) {
 }
 
 // Reader side, instead of a bare wait on the semaphore.
-int KelCycleBufferPrivate::SleepForData(KelCycleBuffer& ring, int piece, int left) {
+int KelCycleBufferPrivate::SleepForData(int piece, int left, int timeoutMs) {
     if (!HasSemaphore()) return IPC_ERR_NOT_OPENED;
     int32_t* const word = ReaderWord();
     __atomic_store_n(word, Batch(piece, left), __ATOMIC_RELAXED);
     FullFence();
     int rc = IPC_OK;
-    if (ring.DataSize() < piece && IsRunning()) rc = WaitOnSemaphore();
+    if (DataNow() < piece && IsRunning()) rc = WaitOnSemaphore(timeoutMs);
     __atomic_store_n(word, kReaderAwake, __ATOMIC_RELAXED);
     return rc;
 }
@@ -382,8 +461,8 @@ int KelCycleBuffer::AttachLocal(char* block, int length, KelSide side, KelMode m
     return Attach(block, length, side, mode);
 }
 
-int KelCycleBuffer::NonblockWrite(const char* data, int count) {
-    KelCycleBufferPrivate& p = *m_private;
+int KelCycleBufferPrivate::WriteOnce(const char* data, int count) {
+    KelCycleBufferPrivate& p = *this;
     KelCBHead* head = p.m_head;
     if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
     const int32_t len = LoadRelaxed(head->dataLen);
@@ -403,8 +482,8 @@ int KelCycleBuffer::NonblockWrite(const char* data, int count) {
     return count;
 }
 
-int KelCycleBuffer::NonblockRead(char* buffer, int count) {
-    KelCycleBufferPrivate& p = *m_private;
+int KelCycleBufferPrivate::ReadOnce(char* buffer, int count) {
+    KelCycleBufferPrivate& p = *this;
     KelCBHead* head = p.m_head;
     if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
     const int32_t len = LoadRelaxed(head->dataLen);
@@ -426,20 +505,30 @@ int KelCycleBuffer::NonblockRead(char* buffer, int count) {
     return count;
 }
 
+int KelCycleBuffer::NonblockWrite(const char* data, int count) {
+    KelCycleBufferPrivate& p = *m_private;
+    // Bytes for a reader that died would never be read.
+    if (p.IsRunning() && p.PeerGone(false)) return IPC_ERR_PEER_GONE;
+    return p.WriteOnce(data, count);
+}
+
+int KelCycleBuffer::NonblockRead(char* buffer, int count) {
+    KelCycleBufferPrivate& p = *m_private;
+    const int rc = p.ReadOnce(buffer, count);
+    return rc == 0 && p.DataNow() == 0 && p.PeerGone(false) ? IPC_ERR_PEER_GONE : rc;
+}
+
+// The side a ring object serves is not recorded, so each size reports a dead peer where that peer would
+// have made it grow: no data left from a dead writer, no room ever again for a dead reader.
 int KelCycleBuffer::DataSize() {
     KelCycleBufferPrivate& p = *m_private;
-    if (!p.IsRunning()) return 0;
-    const int32_t len = LoadRelaxed(p.m_head->dataLen);
-    if (len < 1) return 0;
-    return ClampToInt(Used(len, LoadAcquire(p.m_head->writePos), LoadAcquire(p.m_head->readPos)));
+    const int stored = p.DataNow();
+    return stored == 0 && p.IsRunning() && p.PeerGone(false) ? IPC_ERR_PEER_GONE : stored;
 }
 
 int KelCycleBuffer::SpaceSize() {
     KelCycleBufferPrivate& p = *m_private;
-    if (!p.IsRunning()) return 0;
-    const int32_t len = LoadRelaxed(p.m_head->dataLen);
-    if (len < 1) return 0;
-    return ClampToInt(Free(len, LoadAcquire(p.m_head->writePos), LoadAcquire(p.m_head->readPos)));
+    return p.IsRunning() && p.PeerGone(false) ? IPC_ERR_PEER_GONE : p.SpaceNow();
 }
 
 bool KelCycleBuffer::Running() {
@@ -454,7 +543,7 @@ int KelCycleBuffer::SemAcquire() {
     KelCycleBufferPrivate& p = *m_private;
     // A reader that waits here itself takes no part in the handshake: writers signal every piece again.
     if (p.m_head != nullptr) __atomic_store_n(p.ReaderWord(), 0, __ATOMIC_RELAXED);
-    return p.WaitOnSemaphore();
+    return p.WaitOnSemaphore(0);
 }
 
 int KelCycleBuffer::SemRelease() {
@@ -470,13 +559,16 @@ int KelCycleBuffer::BlockWrite(const char* data, int count) {
     if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
     if (count == 0) return 0;
     if (count < 0) return IPC_ERR_FAILED;
+    // A writer with room would never wait and so never learn that its reader died; ask once per call.
+    if (p.PeerGone(false)) return IPC_ERR_PEER_GONE;
+    const Deadline deadline(p.m_watch.writeTimeoutMs);
     PublishCpu(p.WriterCpu());
     int piece = count < p.m_chunkSize ? count : p.m_chunkSize;
     int moved = 0;
     int left = count;
     for (;;) {
         // The write itself reads the reader's position: once per step, not again for a size test first.
-        const int rc = NonblockWrite(data + moved, piece);
+        const int rc = p.WriteOnce(data + moved, piece);
         if (rc == piece) {
             moved += piece;
             left -= piece;
@@ -487,15 +579,17 @@ int KelCycleBuffer::BlockWrite(const char* data, int count) {
             return rc;
         } else {
             // Too little room, or a header that gives none: the size test tells which.
-            const int space = SpaceSize();
+            const int space = p.SpaceNow();
             if (space < 0 || !Running()) return IPC_ERR_NOT_OPENED;
             if (piece > space &&
                 !(PeerCanRunBeside(p.WriterCpu(), p.ReaderCpu()) &&
-                  SpinUntil([&] { return SpaceSize() >= piece || !p.IsRunning(); }, p.m_head->readPos))) {
+                  SpinUntil([&] { return p.SpaceNow() >= piece || !p.IsRunning(); }, p.m_head->readPos))) {
                 p.SleepForRoom(piece, left);
                 // As after the bare protocol's pause: a reader asleep on the semaphore drains the ring.
                 const int woken = p.WakeReader(*this);
                 if (woken != IPC_OK) return woken;
+                if (p.PeerGone(false)) return EarlyEnd(moved, IPC_ERR_PEER_GONE);
+                if (deadline.Passed()) return EarlyEnd(moved, IPC_ERR_TIMEOUT);
             }
         }
         piece = left < p.m_chunkSize ? left : p.m_chunkSize;
@@ -505,12 +599,16 @@ int KelCycleBuffer::BlockWrite(const char* data, int count) {
 
 namespace {
 
-int ReadPieces(KelCycleBuffer& ring, KelCycleBufferPrivate& p, char* buffer, int count) {
+int ReadPieces(KelCycleBufferPrivate& p, char* buffer, int count) {
+    const Deadline deadline(p.m_watch.readTimeoutMs);
+    // Only an end that can learn of its peer's death wakes now and then to look.
+    const int pollMs = p.m_watch.peerGone != nullptr ? kLivenessPollMs : 0;
     int piece = count < p.m_chunkSize ? count : p.m_chunkSize;
     int moved = 0;
     int left = count;
+    bool slept = false;
     for (;;) {
-        const int rc = ring.NonblockRead(buffer + moved, piece);
+        const int rc = p.ReadOnce(buffer + moved, piece);
         if (rc == piece) {
             left -= piece;
             moved += piece;
@@ -518,13 +616,21 @@ int ReadPieces(KelCycleBuffer& ring, KelCycleBufferPrivate& p, char* buffer, int
         } else if (rc != 0) {
             return rc;
         } else {
-            const int stored = ring.DataSize();
-            if (stored < 0 || !ring.Running()) return IPC_ERR_NOT_OPENED;
-            if (stored < piece && !(PeerCanRunBeside(p.ReaderCpu(), p.WriterCpu()) &&
-                                    SpinUntil([&] { return ring.DataSize() >= piece || !p.IsRunning(); },
-                                              p.m_head->writePos))) {
-                const int slept = p.SleepForData(ring, piece, left);
-                if (slept != IPC_OK) return slept;
+            const int stored = p.DataNow();
+            if (stored < 0 || !p.Initialised() || !p.IsRunning()) return IPC_ERR_NOT_OPENED;
+            if (stored < piece && p.PeerGone(slept)) {
+                // A dead writer adds nothing more: hand over what it left, then the code.
+                const int rest = stored > 0 ? p.ReadOnce(buffer + moved, stored) : 0;
+                return EarlyEnd(moved + std::max(rest, 0), IPC_ERR_PEER_GONE);
+            }
+            if (stored < piece && deadline.Passed()) return EarlyEnd(moved, IPC_ERR_TIMEOUT);
+            slept = false;
+            if (stored < piece &&
+                !(PeerCanRunBeside(p.ReaderCpu(), p.WriterCpu()) &&
+                  SpinUntil([&] { return p.DataNow() >= piece || !p.IsRunning(); }, p.m_head->writePos))) {
+                const int rcSleep = p.SleepForData(piece, left, deadline.SleepMs(pollMs));
+                if (rcSleep != IPC_OK) return rcSleep;
+                slept = true;
             }
         }
         piece = left < p.m_chunkSize ? left : p.m_chunkSize;
@@ -547,7 +653,7 @@ int KelCycleBuffer::BlockRead(char* buffer, int count) {
         __atomic_store_n(word, kReaderAwake, __ATOMIC_RELAXED);
     }
     PublishCpu(p.ReaderCpu());
-    const int rc = ReadPieces(*this, p, buffer, count);
+    const int rc = ReadPieces(p, buffer, count);
     // A writer waiting for more room than this call freed is not left to its pause.
     p.WakeWriter(true);
     return rc;
@@ -593,6 +699,8 @@ int KelCycleBuffer::Start() {
     KelCycleBufferPrivate& p = *m_private;
     if (p.m_head == nullptr) return IPC_ERR_NOT_OPENED;
     Reset();
+    if (p.m_watch.restarted != nullptr) p.m_watch.restarted(p.m_watch.context);
+    p.m_nextLook.store(0, std::memory_order_relaxed);
     // Release: a side that sees the ring running also sees the emptied positions.
     StoreRelease(p.m_head->running, 1);
     return IPC_OK;
@@ -669,4 +777,9 @@ int KelCycleBuffer::GetIpcStatus(KelIpcStatus& status) {
     }
     kel::memcpy_s(&status, sizeof(status), &m_private->m_head->ipcStatus, sizeof(status));
     return IPC_OK;
+}
+
+void KelCycleBufferWatch(KelCycleBuffer& ring, const KelRingWatch& watch) {
+    ring.m_private->m_watch = watch;
+    ring.m_private->m_nextLook.store(0, std::memory_order_relaxed);
 }

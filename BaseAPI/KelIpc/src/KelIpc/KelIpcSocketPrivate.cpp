@@ -3,6 +3,7 @@
 #include <string>
 
 #include "KelIpcLog.h"
+#include "unix/KelPeerToken.h"
 
 namespace {
 const char kLogPath[] = "BaseAPI/KelIpc/src/KelIpc/KelIpcSocketPrivate";
@@ -11,7 +12,7 @@ const char kSocketLogPath[] = "BaseAPI/KelIpc/src/KelIpc/KelIpc";
 
 int KelIpcSocketPrivate::SetOption(KelIpcOptionName name, void* value) {
     if (Opened()) return IPC_ERR_OPENED;
-    if (static_cast<uint32_t>(name) > static_cast<uint32_t>(RNonBlock)) return IPC_ERR_PARAM;
+    if (static_cast<uint32_t>(name) > static_cast<uint32_t>(WriteTimeout)) return IPC_ERR_PARAM;
     switch (name) {
         case LBufferSize:
         case RBufferSize: {
@@ -33,22 +34,38 @@ int KelIpcSocketPrivate::SetOption(KelIpcOptionName name, void* value) {
         case RNonBlock:
             m_rMode = NonBlock;
             break;
+        case ReadTimeout:
+        case WriteTimeout: {
+            if (value == nullptr) return IPC_ERR_NULL;
+            const int ms = *static_cast<const int*>(value);
+            if (ms < 0) return IPC_ERR_PARAM;
+            // The server reads L and writes R; the side is known only at Open, so both rings keep both.
+            for (KelRingWatch* watch : {&m_lWatch, &m_rWatch}) {
+                (name == ReadTimeout ? watch->readTimeoutMs : watch->writeTimeoutMs) = ms;
+            }
+            break;
+        }
     }
     return IPC_OK;
 }
 
 int KelIpcSocketPrivate::OpenIpc(KelSide side, const char* name, const KelSecurity* security) {
+    const std::string base(name);
+    // A live server keeps its name: replacing its objects would leave it running, unreachable.
+    if (side == Server && (KelPeerToken::ServerAlive((base + "_XL_shm").c_str()) ||
+                           KelPeerToken::ServerAlive((base + "_XR_shm").c_str()))) {
+        return IPC_ERR_OPENED;
+    }
     m_side = side;
     m_ipcL.reset(new KelIpcSockImpl);
     m_ipcR.reset(new KelIpcSockImpl);
-    const std::string base(name);
     int rc = m_ipcL->Open(side, (base + "_XL").c_str(), m_lSize,
-                          static_cast<KelSystemSemaphore*>(m_lSemaphore), security, m_lMode);
+                          static_cast<KelSystemSemaphore*>(m_lSemaphore), security, m_lMode, m_lWatch);
     if (rc == IPC_OK) {
         rc = m_ipcR->Open(side, (base + "_XR").c_str(), m_rSize,
-                          static_cast<KelSystemSemaphore*>(m_rSemaphore), security, m_rMode);
+                          static_cast<KelSystemSemaphore*>(m_rSemaphore), security, m_rMode, m_rWatch);
     }
-    if (rc != IPC_OK) CleanResource();
+    if (rc != IPC_OK) CleanResource(false);
     return rc;
 }
 
@@ -58,32 +75,32 @@ int KelIpcSocketPrivate::OpenLocal(KelSide side, const char* name) {
     m_localR.reset(new KelLocalSockImpl);
     const std::string base(name);
     int rc = m_localL->Open(side, (base + "_OL").c_str(), m_lSize, static_cast<KelSemaphore*>(m_lSemaphore),
-                            m_lMode);
+                            m_lMode, m_lWatch);
     if (rc == IPC_OK) {
         rc = m_localR->Open(side, (base + "_OR").c_str(), m_rSize, static_cast<KelSemaphore*>(m_rSemaphore),
-                            m_rMode);
+                            m_rMode, m_rWatch);
     }
-    if (rc != IPC_OK) CleanResource();
+    if (rc != IPC_OK) CleanResource(false);
     return rc;
 }
 
 namespace {
 
 template <typename Channel>
-void CloseChannel(std::unique_ptr<Channel>& channel, const char* type) {
+void CloseChannel(std::unique_ptr<Channel>& channel, const char* type, bool stop) {
     if (!channel) return;
-    const int rc = channel->Close();
+    const int rc = channel->Close(stop);
     if (rc != IPC_OK) KEL_IPC_LOG(kLogPath, "CleanResource", "%s Close fail, rc=%d", type, rc);
     channel.reset();
 }
 
 }  // namespace
 
-void KelIpcSocketPrivate::CleanResource() {
-    CloseChannel(m_ipcL, "KelIpcSockImpl");
-    CloseChannel(m_ipcR, "KelIpcSockImpl");
-    CloseChannel(m_localL, "KelLocalSockImpl");
-    CloseChannel(m_localR, "KelLocalSockImpl");
+void KelIpcSocketPrivate::CleanResource(bool stop) {
+    CloseChannel(m_ipcL, "KelIpcSockImpl", stop);
+    CloseChannel(m_ipcR, "KelIpcSockImpl", stop);
+    CloseChannel(m_localL, "KelLocalSockImpl", stop);
+    CloseChannel(m_localR, "KelLocalSockImpl", stop);
 }
 
 int KelIpcSocketPrivate::Select(Direction direction, KelChannelRing*& ring) {

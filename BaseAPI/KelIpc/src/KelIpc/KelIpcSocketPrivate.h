@@ -18,8 +18,9 @@ public:
     int SetOption(KelIpcOptionName name, void* value);
     int OpenIpc(KelSide side, const char* name, const KelSecurity* security);
     int OpenLocal(KelSide side, const char* name);
-    // Closes and frees every channel; failures are logged. Never throws.
-    void CleanResource();
+    // Closes and frees every channel; failures are logged. Never throws. A failed open passes stop false:
+    // the rings it attached are the server's too, and must run on.
+    void CleanResource(bool stop = true);
 
     // The ring of the direction this end reads or writes (the server reads L and writes R, the client the
     // reverse). IPC_ERR_NOT_OPENED when closed, IPC_ERR_PARAM for an unknown side.
@@ -35,6 +36,8 @@ public:
     void* m_rSemaphore = nullptr;
     KelMode m_lMode = Block;
     KelMode m_rMode = Block;
+    KelRingWatch m_lWatch;  // timeouts of the channel of each direction
+    KelRingWatch m_rWatch;
     std::unique_ptr<KelIpcSockImpl> m_ipcL;
     std::unique_ptr<KelIpcSockImpl> m_ipcR;
     std::unique_ptr<KelLocalSockImpl> m_localL;

@@ -11,6 +11,7 @@
 
 #include "KelIpcLog.h"
 #include "KelSecureMem.h"
+#include "KelShareMemoryDescriptor.h"
 
 namespace {
 
@@ -69,8 +70,6 @@ int KelShareMemoryPrivate::ShmServerOpen(const char* name, int shmLength, const 
     if (m_reset) {
         // Processes still mapping an old segment of this name keep it; new opens meet the new one.
         (void)shm_unlink(name);
-        // The segment must get exactly the requested bits; the mask stays 0 for the whole process.
-        umask(0);
         rc = ShmResetOpen(name, shmLength, security);
     } else {
         rc = ShmNoResetOpen(name, shmLength, security);
@@ -88,6 +87,12 @@ int KelShareMemoryPrivate::ShmResetOpen(const char* name, int shmLength, const K
     m_fileMap = shm_open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, ModeOf(security));
     if (m_fileMap <= 0) {
         KEL_IPC_LOG(kSource, "ShmResetOpen", "shm_open fail, m_fileMap=%d, errno=%d", m_fileMap, errno);
+        CleanResource();
+        return IPC_ERR_FAILED;
+    }
+    // The process umask narrowed the creation mode; set exactly the bits asked for, leaving the mask alone.
+    if (fchmod(m_fileMap, ModeOf(security)) != 0) {
+        KEL_IPC_LOG(kSource, "ShmResetOpen", "fchmod fail, errno=%d", errno);
         CleanResource();
         return IPC_ERR_FAILED;
     }
@@ -166,6 +171,10 @@ void KelShareMemoryPrivate::CleanResource() {
         const int rc = shm_unlink(m_name.c_str());
         if (rc != 0) KEL_IPC_LOG(kSource, "CleanResource", "shm_unlink fail, rc=%d, errno=%d", rc, errno);
     }
+}
+
+int KelShareMemoryDescriptor(KelShareMemory& memory) {
+    return memory.m_private->m_data != nullptr ? memory.m_private->m_fileMap : -1;
 }
 
 KelShareMemory::KelShareMemory() : m_private(new KelShareMemoryPrivate) {}

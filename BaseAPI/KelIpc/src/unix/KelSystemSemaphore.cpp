@@ -4,6 +4,7 @@
 #include <sys/sem.h>
 
 #include <cerrno>
+#include <ctime>
 
 #include "KelIpcLog.h"
 
@@ -96,6 +97,9 @@ int KelSystemSemaphorePrivate::PriClose() {
 int KelSystemSemaphorePrivate::SetSignal(const char* function, int value) {
     if (m_semId == -1) return IPC_ERR_NOT_OPENED;
     const int rc = SetValue(m_semId, value);
+    // A set its server has removed meanwhile (a client stopping while the server closes) is no failure
+    // worth a line: there is nobody left to signal.
+    if (rc == -1 && (errno == EIDRM || errno == EINVAL) && m_side == Client) return IPC_ERR_NOT_OPENED;
     if (rc == -1) {
         KEL_IPC_LOG(kSource, function, "semctl SETVAL fail, rc=%d, errno=%d", rc, errno);
         return IPC_ERR_FAILED;
@@ -133,6 +137,10 @@ bool KelSystemSemaphore::Opened() {
 }
 
 int KelSystemSemaphore::Acquire() {
+    return AcquireFor(0);
+}
+
+int KelSystemSemaphore::AcquireFor(int milliseconds) {
     if (!Opened()) return IPC_ERR_NOT_OPENED;
     // No EINTR retry and no SEM_UNDO: the ring treats an interrupted wait as a wake-up, and a wake-up
     // taken by a process that then dies is not handed back.
@@ -140,11 +148,16 @@ int KelSystemSemaphore::Acquire() {
     op.sem_num = 0;
     op.sem_op = -1;
     op.sem_flg = 0;
-    const int rc = semop(m_private->m_semId, &op, 1);
+    const timespec limit{milliseconds / 1000, (milliseconds % 1000) * 1000000L};
+    const int rc =
+        milliseconds > 0 ? semtimedop(m_private->m_semId, &op, 1, &limit) : semop(m_private->m_semId, &op, 1);
     if (rc == -1) {
         // The ring reads errno after a failed wait; keep it whatever the logger does.
         const int err = errno;
-        KEL_IPC_LOG(kSource, "Acquire", "semop fail, rc=%d, errno=%d", rc, err);
+        if (milliseconds > 0 && err == EAGAIN) return IPC_ERR_TIMEOUT;
+        KEL_IPC_LOG(kSource, "Acquire",
+                    milliseconds > 0 ? "semtimedop fail, rc=%d, errno=%d" : "semop fail, rc=%d, errno=%d", rc,
+                    err);
         errno = err;
         return IPC_ERR_FAILED;
     }

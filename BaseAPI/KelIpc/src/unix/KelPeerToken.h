@@ -1,0 +1,48 @@
+#ifndef KEL_PEER_TOKEN_H
+#define KEL_PEER_TOKEN_H
+
+#include <cstdint>
+
+#include "KelCycleBuffer.h"
+
+// An end's liveness token on one ring segment: a write lock on one byte of the segment's file (the
+// server's byte 0, the client's byte 1) through the end's own open file description, which the kernel
+// drops when the last descriptor of that description closes, as a process's death does. A pid could be
+// reused; a lock cannot outlive its holders. A word in the header's reserved area announces the token, so
+// that an end that never takes one (one following only the bare ring protocol) is never taken for dead.
+class KelPeerToken {
+public:
+    enum Liveness { kUnknown, kAlive, kDead };
+
+    // Header words, by offset from the start of the ring header: each side's announcement (1 while its
+    // token is held or its holder died without withdrawing it) and the pid that took it, for display.
+    static constexpr size_t kServerHeld = 960;
+    static constexpr size_t kClientHeld = 964;
+    static constexpr size_t kServerPid = 968;
+    static constexpr size_t kClientPid = 972;
+
+    KelPeerToken() = default;
+    KelPeerToken(const KelPeerToken&) = delete;
+    KelPeerToken& operator=(const KelPeerToken&) = delete;
+
+    // Takes this side's token through fd and announces it in head. False, holding nothing, when a live
+    // end of the same side holds it already, or when the lock fails (logged).
+    bool Hold(int fd, KelSide side, KelCBHead* head);
+    // Withdraws the announcement; the lock itself goes with the descriptor.
+    void Release();
+    // A side's liveness as seen through fd and head.
+    static Liveness Of(int fd, const KelCBHead* head, KelSide side);
+    Liveness Peer() const;
+    // Server only: a dead client's announcement is cleared so that the next client may attach.
+    void ForgetDeadPeer();
+    // True when a live server holds the segment of that name.
+    static bool ServerAlive(const char* shmName);
+
+private:
+    int m_fd = -1;
+    KelSide m_side = Server;
+    KelCBHead* m_head = nullptr;
+    bool m_held = false;
+};
+
+#endif  // KEL_PEER_TOKEN_H
