@@ -101,6 +101,12 @@ check_examples() {
         -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror" >/dev/null
     cmake --build "$work/$label-cmake" -j"$jobs"
     run_pair "$label-cmake" "$work/$label-cmake"
+    echo "=== reconnect example ($label)"
+    local out=$work/$label-reconnect.txt
+    timeout 30 "$work/$label-cmake/reconnect" "kelipc-check-$$-$label-again" >"$out" 2>&1 ||
+        { cat "$out"; fail "$label: the reconnect example failed"; }
+    cat "$out"
+    [ "$(grep -c '^client: got "hello from the server"' "$out")" -eq 2 ] || fail "$label: a reconnect was missing"
 
     echo "=== examples through pkg-config ($label)"
     mkdir "$work/$label-pkgconfig"
