@@ -31,7 +31,6 @@
 namespace {
 
 constexpr int kBlock = 65536;  // small rings: even a short stream wraps them many times
-constexpr int kTrials = 50;
 constexpr int kBound = 10000;                   // ms for any wait on another thread or process
 constexpr int64_t kEndless = int64_t{1} << 40;  // a stream that only a kill or a stop ends
 constexpr uint64_t kRBase = uint64_t{1} << 32;  // R carries another stretch of the pattern than L
@@ -48,10 +47,6 @@ int OpenEnd(KelIpcSocket& socket, KelSide side, const std::string& name,
 
 bool IsSegment(const std::string& object) {
     return object.compare(object.size() - 4, 4, "_shm") == 0;
-}
-
-bool Exists(const std::string& object) {
-    return IsSegment(object) ? kt::ShmExists(object) : kt::SemExists(object);
 }
 
 // What identifies an object (segment inode, set id; -1 when missing) and its permission bits.
@@ -334,7 +329,7 @@ void StormTrial(bool reading) {
     }
     EXPECT_EQ(0, far.Wait(kBound));
     EXPECT_EQ(IPC_OK, server.Close());
-    for (const char* suffix : kObjects) EXPECT_FALSE(Exists(name + suffix)) << suffix;
+    EXPECT_EQ(0, kt::ChannelObjects(name));
 }
 
 }  // namespace
@@ -383,7 +378,7 @@ TEST(KelReliabilityPermissions, AClientWithoutAccessToAnOwnerOnlyServerFailsAtOn
     // The refused client touched nothing of the server's.
     EXPECT_TRUE(server.Running());
     EXPECT_EQ(IPC_OK, server.Close());
-    for (const char* suffix : kObjects) EXPECT_FALSE(Exists(name + suffix)) << suffix;
+    EXPECT_EQ(0, kt::ChannelObjects(name));
 }
 
 namespace {
