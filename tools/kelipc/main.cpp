@@ -23,6 +23,7 @@ const Command kCommands[] = {
      SetupServe},
     {"connect", "client end of a byte-stream bridge: stdin to the server, its bytes to stdout", SetupConnect},
     {"inspect", "show both directions of a Process channel without disturbing it", SetupInspect},
+    {"list", "list every Process channel with its ends' liveness, marking the stale ones", SetupList},
     {"stop", "stop a live Process channel from outside, releasing blocked transfers", SetupStop},
     {"start", "start a stopped Process channel again (both rings are emptied)", SetupStart},
     {"clean", "remove the segments and semaphore sets of an unused (or --force: any) channel", SetupClean},

@@ -5,11 +5,19 @@
 
 class KelSystemSemaphorePrivate;
 
-// A named System V semaphore set of one semaphore, used across processes as a two-state wake-up signal.
+// A named System V semaphore set, used across processes as a two-state wake-up signal (semaphore 0).
 // The key is the djb2 hash of the name. The server creates (or reuses) the set and clears it; the client
-// attaches to it. Only a server removes the set, on Close or destruction.
+// attaches to it. Only a server removes the set, on Close or destruction. A server's set has two more
+// semaphores, so that a set outliving its server can be told apart from one in use: a marker and a count
+// of live servers that the kernel lowers when a server dies. A smaller set found under the key (made by
+// an older or foreign server) is used as it is.
 class KELIPC_API KelSystemSemaphore {
 public:
+    static constexpr int kServerSetSize = 3;
+    static constexpr int kMarker = 1;  // semaphore index holding kMarkerValue
+    static constexpr int kMarkerValue = 0x4B49;
+    static constexpr int kServerCount = 2;  // semaphore index counting live servers
+
     KelSystemSemaphore();
     ~KelSystemSemaphore();
     KelSystemSemaphore(const KelSystemSemaphore&) = delete;

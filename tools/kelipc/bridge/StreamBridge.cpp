@@ -36,6 +36,7 @@ void Pause(std::chrono::microseconds& idle) {
 
 std::string TransferError(const char* direction, int rc) {
     if (rc == IPC_ERR_NOT_OPENED) return "the connection was stopped";
+    if (rc == IPC_ERR_PEER_GONE) return "the peer process is gone";
     return std::string(direction) + " the socket failed, rc=" + ResultText(rc);
 }
 
@@ -126,7 +127,8 @@ bool StreamBridge::TryOpenClient(std::string& reason) {
     if (m_marks.Open(m_config.name, Client, m_config.block) != IPC_OK) return false;
     // Only a server whose open has finished announces itself; a client open against a half-made pair
     // would fail at the second direction and, closing the first, stop the server's ring.
-    bool ready = (m_marks.PeerFlags() & StreamMarks::kPresent) != 0 && !m_marks.PeerGone();
+    // A server that died after announcing itself is refused by the socket's own open.
+    bool ready = (m_marks.PeerFlags() & StreamMarks::kPresent) != 0;
     if (ready && m_marks.Claimed()) {
         reason = "server \"" + m_config.name + "\" is busy with another client";
         ready = false;
@@ -182,6 +184,8 @@ bool StreamBridge::Send(const char* data, int length) {
                 const int space = m_socket.SpaceSize();
                 if (space > 0)
                     moved = m_socket.NonBlockWrite(data + done, std::min(space, length - done));
+                else if (space < 0)
+                    moved = space;
                 else if (!m_socket.Running())
                     moved = IPC_ERR_NOT_OPENED;
             }
@@ -190,6 +194,7 @@ bool StreamBridge::Send(const char* data, int length) {
             return moved;
         });
         if (rc < 0) {
+            if (rc == IPC_ERR_PEER_GONE) m_peerGone = true;
             Fail(TransferError("writing to", rc));
             return false;
         }
@@ -234,6 +239,7 @@ void StreamBridge::ReceiveLoop() {
             return m_marks.PeerEnded(total) ? 1 : 0;
         });
         if (ended < 0) {
+            if (ended == IPC_ERR_PEER_GONE) m_peerGone = true;
             Fail(TransferError("reading from", ended));
             break;
         }
@@ -288,16 +294,17 @@ bool StreamBridge::Done() {
 }
 
 bool StreamBridge::Supervise() {
-    auto nextPeerCheck = Clock::now();
     for (;;) {
         // Read before Done: a peer closes (and so stops the rings) only after marking kDrained.
         const bool running = m_socket.Running();
         if (Done()) return true;
         if (StopSignal::Requested()) Fail("interrupted");
         if (!running) Fail("the peer stopped the connection");
-        if (Clock::now() >= nextPeerCheck) {
-            if (m_marks.PeerGone()) Fail("the peer process is gone");
-            nextPeerCheck = Clock::now() + 100ms;
+        // Once the receiver has finished, no transfer may be under way to learn of a death: the sender can
+        // wait on stdin for ever.
+        if (m_receiveDone && m_socket.DataSize() == IPC_ERR_PEER_GONE) {
+            m_peerGone = true;
+            Fail("the peer process is gone");
         }
         if (m_failed) return false;
         ReportProgress(false);
@@ -343,8 +350,8 @@ void StreamBridge::CloseSocket(Clock::duration patience) {
         // The client's Close and its blocked writers still signal the semaphore sets; removing the sets
         // first would make those signals fail.
         const auto giveUp = Clock::now() + patience;
-        while ((m_marks.PeerFlags() & StreamMarks::kClosed) == 0 && !m_marks.PeerGone() &&
-               Clock::now() < giveUp)
+        while ((m_marks.PeerFlags() & StreamMarks::kClosed) == 0 && !m_peerGone &&
+               m_socket.DataSize() != IPC_ERR_PEER_GONE && Clock::now() < giveUp)
             std::this_thread::sleep_for(2ms);
         m_socket.Close();
     }

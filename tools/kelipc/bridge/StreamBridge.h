@@ -14,8 +14,8 @@
 // One end of `kelipc serve` / `kelipc connect`: stdin goes to the peer and the peer's bytes to stdout
 // over a Process socket, until both inputs have ended and both ends hold every byte (see StreamMarks).
 // A sender thread and a receiver thread move the bytes; the calling thread waits for the peer, watches
-// for signals, failures and a vanished peer, and on any of them stops the socket, which releases every
-// blocked transfer of both ends, before it closes.
+// for signals, failures and a peer the library reports gone (IPC_ERR_PEER_GONE), and on any of them
+// stops the socket, which releases every blocked transfer of both ends, before it closes.
 class StreamBridge {
 public:
     struct Config {
@@ -69,6 +69,7 @@ private:
     std::atomic<bool> m_failed{false};
     std::atomic<bool> m_sendDone{false};
     std::atomic<bool> m_receiveDone{false};
+    std::atomic<bool> m_peerGone{false};  // a transfer or a size returned IPC_ERR_PEER_GONE
     std::atomic<uint64_t> m_sent{0};
     std::atomic<uint64_t> m_received{0};
     Clock::time_point m_start;

@@ -1,10 +1,6 @@
 #include "StreamMarks.h"
 
-#include <signal.h>
-#include <unistd.h>
-
 #include <atomic>
-#include <cerrno>
 #include <cstring>
 
 int StreamMarks::Open(const std::string& name, KelSide side, int block) {
@@ -38,9 +34,6 @@ bool StreamMarks::Claimed() {
 }
 
 void StreamMarks::Announce() {
-    if (!m_open) return;
-    const int32_t pid = getpid();
-    std::memcpy(m_out.KelCBHeadPtr()->ipcStatus.bytes, &pid, sizeof pid);
     Publish(kPresent);
 }
 
@@ -77,15 +70,6 @@ bool StreamMarks::PeerEnded(uint64_t& total) {
     m_in.GetWyTransCounter(total, flags);
     std::atomic_signal_fence(std::memory_order_seq_cst);
     return true;
-}
-
-bool StreamMarks::PeerGone() {
-    if ((PeerFlags() & kPresent) == 0) return false;
-    KelIpcStatus status{};
-    m_in.GetIpcStatus(status);
-    int32_t pid = 0;
-    std::memcpy(&pid, status.bytes, sizeof pid);
-    return pid > 0 && kill(pid, 0) != 0 && errno == ESRCH;
 }
 
 void StreamMarks::SetStreamHash(uint64_t hash) {

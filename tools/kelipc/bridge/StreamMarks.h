@@ -14,15 +14,15 @@
 // of the socket's segments, so nothing here creates or removes an object):
 //   transTotal  bytes this end has written so far, raised after every write;
 //   transLast   a set of Flag bits;
-//   ipcStatus   bytes 0-3: this end's process id, so that the peer notices when it dies;
-//               bytes 8-15: the XXH3 of every byte this end wrote, set before Ended.
+//   ipcStatus   bytes 8-15: the XXH3 of every byte this end wrote, set before Ended.
+// A dead peer is learnt from the socket itself (IPC_ERR_PEER_GONE), not from these marks.
 // A reader has the whole stream once its peer is Ended and it has read transTotal bytes. Stop and Close
 // empty both directions, so no end closes its socket before both ends are Drained; then the client
 // closes first and marks Closed, and only then does the server remove the segments and semaphore sets.
 class StreamMarks {
 public:
     enum Flag : uint64_t {
-        kPresent = 1,  // the end has opened its socket; its process id is in the status record
+        kPresent = 1,  // the end has opened its socket
         kEnded = 2,    // no more bytes follow; transTotal is final
         kDrained = 4,  // the end has read every byte its peer wrote
         kClosed = 8,   // the client has closed its socket
@@ -39,7 +39,7 @@ public:
 
     // This end; Publish and AddSent may be called from several threads.
     bool Claimed();   // another end already writes into the ring this end would write
-    void Announce();  // the process id, then kPresent
+    void Announce();  // kPresent
     void Publish(Flag flag);
     void AddSent(uint64_t bytes);
     void SetStreamHash(uint64_t hash);  // before Publish(kEnded)
@@ -47,7 +47,6 @@ public:
     // The peer.
     uint64_t PeerFlags();
     bool PeerEnded(uint64_t& total);  // true once kEnded is set; total is then the peer's final count
-    bool PeerGone();                  // it announced itself and its process no longer exists
     uint64_t PeerStreamHash();        // valid once PeerEnded
 
 private:

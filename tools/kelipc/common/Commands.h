@@ -22,6 +22,7 @@ CommandRun SetupBench(CLI::App& command);
 CommandRun SetupServe(CLI::App& command);
 CommandRun SetupConnect(CLI::App& command);
 CommandRun SetupInspect(CLI::App& command);
+CommandRun SetupList(CLI::App& command);
 CommandRun SetupStop(CLI::App& command);
 CommandRun SetupStart(CLI::App& command);
 CommandRun SetupClean(CLI::App& command);

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -175,6 +176,38 @@ CleanResult CleanChannel(const ChannelObjects& channel, bool force, bool keepRec
     return ok ? CleanResult::kRemoved : CleanResult::kFailed;
 }
 
+// Removes the sets that a server of this library made (marked), that no live server counts itself in,
+// that nobody waits on and whose name has no segment left: a server that died after its segments were
+// removed leaves such a set, which no name can find any more. The key is all a set keeps of its name, so
+// the segments are matched by the key their names give.
+int CleanOrphanSets(bool& ok) {
+    std::set<key_t> segmentKeys;
+    for (const std::string& name : ChannelObjects::ListAll()) {
+        const ChannelObjects channel(name);
+        for (const Direction direction : ChannelObjects::kDirections)
+            segmentKeys.insert(channel.SemKey(direction));
+    }
+    const time_t now = std::time(nullptr);
+    int removed = 0;
+    for (const int id : ChannelObjects::SemaphoreSetIds()) {
+        const ChannelObjects::Semaphore set = ChannelObjects::StatSet(id);
+        if (set.error != 0 || set.uid != getuid() || !set.marked || set.servers != 0 || set.waiters != 0 ||
+            set.zeroWaiters != 0 || segmentKeys.count(set.key) != 0 || now - set.changed < kSettleSeconds)
+            continue;
+        if (semctl(id, 0, IPC_RMID) == 0) {
+            std::printf(
+                "removed semaphore set key 0x%08x, id %d: its server is gone and no segment has its name\n",
+                static_cast<unsigned>(set.key), id);
+            ++removed;
+        } else if (errno != EINVAL && errno != EIDRM) {
+            std::fprintf(stderr, "kelipc clean: cannot remove semaphore set id %d: %s\n", id,
+                         std::strerror(errno));
+            ok = false;
+        }
+    }
+    return removed;
+}
+
 int CleanAll() {
     int removed = 0;
     int kept = 0;
@@ -202,6 +235,8 @@ int CleanAll() {
         }
     }
     std::printf("removed %d channel%s, kept %d\n", removed, removed == 1 ? "" : "s", kept);
+    const int sets = CleanOrphanSets(ok);
+    if (sets > 0) std::printf("removed %d semaphore set%s without segments\n", sets, sets == 1 ? "" : "s");
     return ok ? kExitOk : kExitFailure;
 }
 
@@ -251,7 +286,10 @@ CommandRun SetupClean(CLI::App& command) {
         "Removes the shared-memory segments and semaphore sets of the Process channel NAME. Refuses while a\n"
         "process maps a segment, unless --force; processes that still map it keep their mapping but nobody\n"
         "can open the channel any more. --all removes every channel of the current user that no process\n"
-        "maps, found from its segments in /dev/shm (semaphore sets without segments are not found).");
+        "maps, found from its segments in /dev/shm, and every semaphore set of the current user left "
+        "without\n"
+        "segments by a server of this library that is gone (a set made by an older or foreign server is\n"
+        "left alone). --all keeps objects changed in the last 2 seconds: an end may still be opening them.");
     CLI::Option* name =
         command.add_option("NAME", options->name, "the socket name")->check(Arguments::ChannelName());
     CLI::Option* force =

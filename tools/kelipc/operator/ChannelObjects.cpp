@@ -1,6 +1,7 @@
 #include "ChannelObjects.h"
 
 #include <KelCycleBuffer.h>
+#include <KelSystemSemaphore.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/ipc.h>
@@ -22,6 +23,12 @@ constexpr const char* kShmDir = "/dev/shm/";
 constexpr const char* kShmSuffix[] = {"_XL_shm", "_XR_shm"};
 constexpr const char* kSemSuffix[] = {"_XL_ssm", "_XR_ssm"};
 constexpr size_t kSuffixLength = 7;
+
+// Where each side announces its token in a ring header, and the byte each side locks, as the library
+// lays them out: the held word (1 while announced) and the pid, for the server and for the client.
+constexpr size_t kHeldOffset[] = {960, 964};
+constexpr size_t kPidOffset[] = {968, 972};
+constexpr off_t kLockByte[] = {0, 1};
 
 // The caller defines semctl's fourth argument.
 union SemArg {
@@ -55,6 +62,48 @@ const char* MappedPath(const char* line) {
     int end = 0;
     if (std::sscanf(line, "%*s %*s %*s %*s %*s %n", &end) != 0 || end == 0) return nullptr;
     return line + end;
+}
+
+int32_t LoadWord(const void* head, size_t offset) {
+    return __atomic_load_n(reinterpret_cast<const int32_t*>(static_cast<const char*>(head) + offset),
+                           __ATOMIC_ACQUIRE);
+}
+
+// Whether another open file description holds the lock byte; an end's death drops its lock.
+ChannelObjects::Liveness LockLiveness(int fd, off_t byte) {
+    flock lock{};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = byte;
+    lock.l_len = 1;
+    if (fcntl(fd, F_OFD_GETLK, &lock) == -1) return ChannelObjects::Liveness::kUnknown;
+    return lock.l_type != F_UNLCK ? ChannelObjects::Liveness::kAlive : ChannelObjects::Liveness::kDead;
+}
+
+int Rank(ChannelObjects::Liveness liveness) {
+    return liveness == ChannelObjects::Liveness::kAlive  ? 2
+           : liveness == ChannelObjects::Liveness::kDead ? 1
+                                                         : 0;
+}
+
+std::vector<std::string> ListSegments(bool anyOwner, uid_t uid) {
+    std::vector<std::string> names;
+    DIR* dir = opendir(kShmDir);
+    if (dir == nullptr) return names;
+    while (const dirent* entry = readdir(dir)) {
+        const std::string file = entry->d_name;
+        if (file.size() <= kSuffixLength) continue;
+        const std::string suffix = file.substr(file.size() - kSuffixLength);
+        if (suffix != kShmSuffix[0] && suffix != kShmSuffix[1]) continue;
+        struct stat st;
+        if (lstat((kShmDir + file).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+        if (!anyOwner && st.st_uid != uid) continue;
+        names.push_back(file.substr(0, file.size() - kSuffixLength));
+    }
+    closedir(dir);
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    return names;
 }
 
 }  // namespace
@@ -146,8 +195,16 @@ ChannelObjects::Ring ChannelObjects::ReadRing(Direction direction) const {
         if (address == MAP_FAILED) ring.error = errno;
     }
     // A segment shorter than the header stays unread: the words past its end would fault.
+    if (address == MAP_FAILED) {
+        close(fd);
+        return ring;
+    }
+    for (const Side side : kSides) {
+        End& end = ring.ends[side];
+        end.pid = static_cast<pid_t>(LoadWord(address, kPidOffset[side]));
+        if (LoadWord(address, kHeldOffset[side]) != 0) end.liveness = LockLiveness(fd, kLockByte[side]);
+    }
     close(fd);
-    if (address == MAP_FAILED) return ring;
     const KelCBHead* head = static_cast<const KelCBHead*>(address);
     // Acquire, as the peer ends load them: a position is published after the bytes it covers.
     ring.writePos = __atomic_load_n(&head->writePos, __ATOMIC_ACQUIRE);
@@ -162,76 +219,118 @@ ChannelObjects::Ring ChannelObjects::ReadRing(Direction direction) const {
 }
 
 ChannelObjects::Semaphore ChannelObjects::StatSemaphore(Direction direction) const {
-    Semaphore semaphore;
     // No size and no permission bits: finds the set without asking for any access to it.
-    semaphore.id = semget(SemKey(direction), 0, 0);
-    if (semaphore.id == -1) {
-        if (errno != ENOENT) {
-            semaphore.present = true;
-            semaphore.error = errno;
-        }
-        return semaphore;
+    const int id = semget(SemKey(direction), 0, 0);
+    if (id != -1) return StatSet(id);
+    Semaphore semaphore;
+    if (errno != ENOENT) {
+        semaphore.present = true;
+        semaphore.error = errno;
     }
+    return semaphore;
+}
+
+ChannelObjects::Semaphore ChannelObjects::StatSet(int id) {
+    Semaphore semaphore;
     semaphore.present = true;
+    semaphore.id = id;
     struct semid_ds ds;
     std::memset(&ds, 0, sizeof ds);
     SemArg arg;
     arg.buf = &ds;
-    if (semctl(semaphore.id, 0, IPC_STAT, arg) == -1) {
+    if (semctl(id, 0, IPC_STAT, arg) == -1) {
         semaphore.error = errno;
         return semaphore;
     }
     semaphore.mode = ds.sem_perm.mode & 0777;
     semaphore.uid = ds.sem_perm.uid;
-    const int value = semctl(semaphore.id, 0, GETVAL);
-    const int waiters = value == -1 ? -1 : semctl(semaphore.id, 0, GETNCNT);
-    if (value == -1 || waiters == -1) {
+    semaphore.key = ds.sem_perm.__key;
+    semaphore.count = static_cast<int>(ds.sem_nsems);
+    semaphore.changed = ds.sem_ctime;
+    const int value = semctl(id, 0, GETVAL);
+    const int waiters = value == -1 ? -1 : semctl(id, 0, GETNCNT);
+    const int zeroWaiters = waiters == -1 ? -1 : semctl(id, 0, GETZCNT);
+    if (value == -1 || waiters == -1 || zeroWaiters == -1) {
         semaphore.error = errno;
         return semaphore;
     }
     semaphore.value = value;
     semaphore.waiters = waiters;
+    semaphore.zeroWaiters = zeroWaiters;
+    if (semaphore.count == KelSystemSemaphore::kServerSetSize) {
+        const int marker = semctl(id, KelSystemSemaphore::kMarker, GETVAL);
+        const int servers = marker == -1 ? -1 : semctl(id, KelSystemSemaphore::kServerCount, GETVAL);
+        if (marker == -1 || servers == -1) {
+            semaphore.error = errno;
+            return semaphore;
+        }
+        semaphore.marked = marker == KelSystemSemaphore::kMarkerValue;
+        semaphore.servers = servers;
+    }
     return semaphore;
 }
 
-std::array<std::vector<ChannelObjects::Mapper>, 2> ChannelObjects::FindMappers() const {
-    std::array<std::vector<Mapper>, 2> mappers;
-    const std::string paths[] = {ShmPath(kL), ShmPath(kR)};
+std::vector<int> ChannelObjects::SemaphoreSetIds() {
+    std::vector<int> ids;
+    FILE* file = std::fopen("/proc/sysvipc/sem", "re");
+    if (file == nullptr) return ids;
+    char line[512];
+    // The first line names the columns: key, semid, ...
+    if (std::fgets(line, sizeof line, file) != nullptr) {
+        while (std::fgets(line, sizeof line, file) != nullptr) {
+            long long key = 0;
+            int id = -1;
+            if (std::sscanf(line, "%lld %d", &key, &id) == 2 && id >= 0) ids.push_back(id);
+        }
+    }
+    std::fclose(file);
+    return ids;
+}
+
+std::map<std::string, std::vector<ChannelObjects::Mapper>> ChannelObjects::MappersOf(
+    const std::vector<std::string>& paths) {
+    std::map<std::string, std::vector<Mapper>> mappers;
+    for (const std::string& path : paths) mappers[path];
     DIR* proc = opendir("/proc");
     if (proc == nullptr) return mappers;
     char* line = nullptr;
     size_t capacity = 0;
+    std::vector<std::string> found;
     while (const dirent* entry = readdir(proc)) {
         if (!AllDigits(entry->d_name)) continue;
         const std::string pidDir = std::string("/proc/") + entry->d_name;
         // Processes of other users cannot be read without privileges; they are passed over.
         FILE* maps = std::fopen((pidDir + "/maps").c_str(), "re");
         if (maps == nullptr) continue;
-        bool found[2] = {false, false};
+        found.clear();
         ssize_t length;
         while ((length = getline(&line, &capacity, maps)) > 0) {
             if (line[length - 1] == '\n') line[--length] = '\0';
             // Most lines are not shared memory at all; skip them before parsing.
             if (std::strstr(line, kShmDir) == nullptr) continue;
             const char* path = MappedPath(line);
-            if (path == nullptr) continue;
-            for (const Direction direction : kDirections) found[direction] |= paths[direction] == path;
+            if (path == nullptr || mappers.count(path) == 0) continue;
+            if (std::find(found.begin(), found.end(), path) == found.end()) found.push_back(path);
         }
         std::fclose(maps);
-        if (!found[kL] && !found[kR]) continue;
+        if (found.empty()) continue;
         Mapper mapper;
         mapper.pid = static_cast<pid_t>(std::atol(entry->d_name));
         mapper.command = CommandOf(pidDir);
-        for (const Direction direction : kDirections) {
-            if (found[direction]) mappers[direction].push_back(mapper);
-        }
+        for (const std::string& path : found) mappers[path].push_back(mapper);
     }
     std::free(line);
     closedir(proc);
-    for (std::vector<Mapper>& list : mappers) {
-        std::sort(list.begin(), list.end(), [](const Mapper& a, const Mapper& b) { return a.pid < b.pid; });
+    for (auto& entry : mappers) {
+        std::sort(entry.second.begin(), entry.second.end(),
+                  [](const Mapper& a, const Mapper& b) { return a.pid < b.pid; });
     }
     return mappers;
+}
+
+std::array<std::vector<ChannelObjects::Mapper>, 2> ChannelObjects::FindMappers() const {
+    std::map<std::string, std::vector<Mapper>> found = MappersOf({ShmPath(kL), ShmPath(kR)});
+    return {found[ShmPath(kL)], found[ShmPath(kR)]};
 }
 
 std::array<ChannelObjects::State, 2> ChannelObjects::Snapshot() const {
@@ -248,21 +347,44 @@ std::array<ChannelObjects::State, 2> ChannelObjects::Snapshot() const {
     return states;
 }
 
-std::vector<std::string> ChannelObjects::ListOwnedBy(uid_t uid) {
-    std::vector<std::string> names;
-    DIR* dir = opendir(kShmDir);
-    if (dir == nullptr) return names;
-    while (const dirent* entry = readdir(dir)) {
-        const std::string file = entry->d_name;
-        if (file.size() <= kSuffixLength) continue;
-        const std::string suffix = file.substr(file.size() - kSuffixLength);
-        if (suffix != kShmSuffix[kL] && suffix != kShmSuffix[kR]) continue;
-        struct stat st;
-        if (lstat((kShmDir + file).c_str(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != uid) continue;
-        names.push_back(file.substr(0, file.size() - kSuffixLength));
+std::array<ChannelObjects::End, 2> ChannelObjects::Ends(const std::array<State, 2>& states) {
+    std::array<End, 2> ends;
+    for (const Side side : kSides) {
+        for (const State& state : states) {
+            const End& seen = state.ring.ends[side];
+            if (!state.ring.readable) continue;
+            if (Rank(seen.liveness) > Rank(ends[side].liveness)) ends[side].liveness = seen.liveness;
+            if (ends[side].pid == 0 || seen.liveness == Liveness::kAlive) {
+                if (seen.pid != 0) ends[side].pid = seen.pid;
+            }
+        }
     }
-    closedir(dir);
-    std::sort(names.begin(), names.end());
-    names.erase(std::unique(names.begin(), names.end()), names.end());
-    return names;
+    return ends;
+}
+
+const char* ChannelObjects::LivenessName(Liveness liveness) {
+    return liveness == Liveness::kAlive ? "alive" : liveness == Liveness::kDead ? "dead" : "unknown";
+}
+
+const char* ChannelObjects::RoleOf(pid_t pid, const std::array<End, 2>& ends) {
+    const bool server = pid != 0 && ends[kServer].pid == pid;
+    const bool client = pid != 0 && ends[kClient].pid == pid;
+    return server && client ? "server+client" : server ? "server" : client ? "client" : "unknown";
+}
+
+bool ChannelObjects::RunsUnmapped(const std::array<State, 2>& states) {
+    bool running = false;
+    for (const State& state : states) {
+        if (!state.mappers.empty()) return false;
+        running = running || (state.ring.Initialised() && state.ring.running != 0);
+    }
+    return running;
+}
+
+std::vector<std::string> ChannelObjects::ListOwnedBy(uid_t uid) {
+    return ListSegments(false, uid);
+}
+
+std::vector<std::string> ChannelObjects::ListAll() {
+    return ListSegments(true, 0);
 }

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,16 @@ class ChannelObjects {
 public:
     enum Direction { kL = 0, kR = 1 };
     static constexpr Direction kDirections[] = {kL, kR};
+    enum Side { kServer = 0, kClient = 1 };
+    static constexpr Side kSides[] = {kServer, kClient};
+    // kUnknown: the side announces no token (it takes no part in liveness, or it closed cleanly).
+    enum class Liveness { kUnknown, kAlive, kDead };
+
+    // One side's liveness as a ring header announces it and its lock shows it.
+    struct End {
+        Liveness liveness = Liveness::kUnknown;
+        pid_t pid = 0;  // as the side wrote it; for display and for naming mappers only
+    };
 
     struct Segment {
         bool present = false;  // the name exists in /dev/shm
@@ -35,6 +46,7 @@ public:
         int32_t running = 0;
         uint64_t transTotal = 0;
         uint64_t transLast = 0;
+        End ends[2];  // by Side
 
         bool Initialised() const { return readable && dataLen > 0; }
         bool PositionsValid() const;
@@ -46,10 +58,16 @@ public:
         bool present = false;
         int error = 0;  // errno of a failed semget (other than ENOENT) or semctl
         int id = -1;
+        key_t key = 0;
         int value = 0;
         int waiters = 0;  // processes sleeping until the value rises
+        int zeroWaiters = 0;
+        int count = 0;        // semaphores in the set
+        bool marked = false;  // a server of this library made it and counts its live servers in it
+        int servers = 0;      // live servers, when marked
         mode_t mode = 0;
         uid_t uid = 0;
+        time_t changed = 0;  // last semctl change, as an open's reset of the signal is
     };
 
     struct Mapper {
@@ -83,12 +101,27 @@ public:
     // Maps the header read-only, loads its words atomically and unmaps it.
     Ring ReadRing(Direction direction) const;
     Semaphore StatSemaphore(Direction direction) const;
+    // The set of that id, whatever its key.
+    static Semaphore StatSet(int id);
     // Processes that have the current segment of each direction mapped, from one scan of /proc.
     std::array<std::vector<Mapper>, 2> FindMappers() const;
     std::array<State, 2> Snapshot() const;
+    // Each side's liveness over both rings: alive in either wins, then dead in either.
+    static std::array<End, 2> Ends(const std::array<State, 2>& states);
+    static const char* LivenessName(Liveness liveness);  // "alive", "dead" or "unknown"
+    // "server", "client", "server+client" or "unknown", from the pids the ends announced.
+    static const char* RoleOf(pid_t pid, const std::array<End, 2>& ends);
+    // No process maps either segment while a ring's run flag is up: its ends died without closing.
+    static bool RunsUnmapped(const std::array<State, 2>& states);
 
     // Names of the channels whose segments in /dev/shm belong to uid, sorted and without repeats.
     static std::vector<std::string> ListOwnedBy(uid_t uid);
+    // Names of every channel with a segment in /dev/shm, whoever owns it, sorted and without repeats.
+    static std::vector<std::string> ListAll();
+    // The processes mapping each of the given /dev/shm paths, from one scan of /proc.
+    static std::map<std::string, std::vector<Mapper>> MappersOf(const std::vector<std::string>& paths);
+    // The ids of every System V semaphore set on the machine.
+    static std::vector<int> SemaphoreSetIds();
 
 private:
     std::string m_name;

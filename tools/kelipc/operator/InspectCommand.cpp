@@ -42,17 +42,40 @@ bool AnyPresent(const std::array<ChannelObjects::State, 2>& states) {
     return false;
 }
 
+Json EndJson(const ChannelObjects::End& end) {
+    return {{"liveness", ChannelObjects::LivenessName(end.liveness)}, {"pid", end.pid}};
+}
+
+std::string Warning(const ChannelObjects& channel, const std::array<ChannelObjects::State, 2>& states) {
+    if (!ChannelObjects::RunsUnmapped(states)) return "";
+    return "the channel runs but no process maps it: its ends died without closing; 'kelipc clean " +
+           channel.Name() + "' removes it";
+}
+
 Json RingJson(const ChannelObjects::Ring& ring) {
     if (!ring.readable) return nullptr;
-    return {{"initialised", ring.Initialised()}, {"dataLen", ring.dataLen},
-            {"running", ring.running != 0},      {"writePos", ring.writePos},
-            {"readPos", ring.readPos},           {"positionsValid", ring.PositionsValid()},
-            {"waiting", ring.Waiting()},         {"free", ring.Free()},
-            {"transTotal", ring.transTotal},     {"transLast", ring.transLast}};
+    return {{"server", EndJson(ring.ends[ChannelObjects::kServer])},
+            {"client", EndJson(ring.ends[ChannelObjects::kClient])},
+            {"initialised", ring.Initialised()},
+            {"dataLen", ring.dataLen},
+            {"running", ring.running != 0},
+            {"writePos", ring.writePos},
+            {"readPos", ring.readPos},
+            {"positionsValid", ring.PositionsValid()},
+            {"waiting", ring.Waiting()},
+            {"free", ring.Free()},
+            {"transTotal", ring.transTotal},
+            {"transLast", ring.transLast}};
 }
 
 Json InspectJson(const ChannelObjects& channel, const std::array<ChannelObjects::State, 2>& states) {
-    Json json = {{"name", channel.Name()}, {"present", AnyPresent(states)}};
+    const std::array<ChannelObjects::End, 2> ends = ChannelObjects::Ends(states);
+    const std::string warning = Warning(channel, states);
+    Json json = {{"name", channel.Name()},
+                 {"present", AnyPresent(states)},
+                 {"server", EndJson(ends[ChannelObjects::kServer])},
+                 {"client", EndJson(ends[ChannelObjects::kClient])},
+                 {"warnings", warning.empty() ? Json::array() : Json::array({warning})}};
     for (const Direction direction : ChannelObjects::kDirections) {
         const ChannelObjects::State& state = states[direction];
         const ChannelObjects::Segment& segment = state.segment;
@@ -73,13 +96,18 @@ Json InspectJson(const ChannelObjects& channel, const std::array<ChannelObjects:
         if (semaphore.present && semaphore.error == 0) {
             sem["value"] = semaphore.value;
             sem["waiters"] = semaphore.waiters;
+            sem["count"] = semaphore.count;
+            sem["marked"] = semaphore.marked;
+            if (semaphore.marked) sem["servers"] = semaphore.servers;
             sem["mode"] = Octal(semaphore.mode);
             sem["uid"] = semaphore.uid;
             sem["owner"] = OwnerName(semaphore.uid);
         }
         Json mappers = Json::array();
         for (const ChannelObjects::Mapper& mapper : state.mappers)
-            mappers.push_back({{"pid", mapper.pid}, {"command", mapper.command}});
+            mappers.push_back({{"pid", mapper.pid},
+                               {"command", mapper.command},
+                               {"role", ChannelObjects::RoleOf(mapper.pid, ends)}});
         json[ChannelObjects::Tag(direction)] = {{"flow", ChannelObjects::Flow(direction)},
                                                 {"segment", shm},
                                                 {"ring", RingJson(state.ring)},
@@ -109,6 +137,15 @@ std::string RingText(const ChannelObjects::State& state) {
 
 void PrintInspectText(const ChannelObjects& channel, const std::array<ChannelObjects::State, 2>& states) {
     std::printf("channel \"%s\"%s\n", channel.Name().c_str(), AnyPresent(states) ? "" : ": absent");
+    const std::array<ChannelObjects::End, 2> ends = ChannelObjects::Ends(states);
+    for (const ChannelObjects::Side side : ChannelObjects::kSides) {
+        std::printf("  %s  %s", side == ChannelObjects::kServer ? "server" : "client",
+                    ChannelObjects::LivenessName(ends[side].liveness));
+        if (ends[side].pid != 0) std::printf("  pid %d", static_cast<int>(ends[side].pid));
+        std::printf("\n");
+    }
+    const std::string warning = Warning(channel, states);
+    if (!warning.empty()) std::printf("  warning: %s\n", warning.c_str());
     for (const Direction direction : ChannelObjects::kDirections) {
         const ChannelObjects::State& state = states[direction];
         std::printf("  %s  %s\n", ChannelObjects::Tag(direction), ChannelObjects::Flow(direction));
@@ -146,8 +183,8 @@ void PrintInspectText(const ChannelObjects& channel, const std::array<ChannelObj
         std::printf("    mapped by  ");
         if (state.mappers.empty()) std::printf("no process");
         for (size_t i = 0; i < state.mappers.size(); ++i) {
-            std::printf("%s%d (%s)", i ? ", " : "", static_cast<int>(state.mappers[i].pid),
-                        state.mappers[i].command.c_str());
+            std::printf("%s%d (%s, %s)", i ? ", " : "", static_cast<int>(state.mappers[i].pid),
+                        state.mappers[i].command.c_str(), ChannelObjects::RoleOf(state.mappers[i].pid, ends));
         }
         std::printf("\n");
     }
@@ -209,8 +246,11 @@ CommandRun SetupInspect(CLI::App& command) {
     command.footer(
         "Shows both directions of the Process channel NAME without disturbing it: the ring header (run\n"
         "flag, positions, bytes waiting, free space, transfer counters), each segment's and semaphore\n"
-        "set's mode and owner, the semaphore's value and sleepers, and the processes that map each\n"
-        "segment. Processes of other users are seen only with the privilege to read their memory maps.");
+        "set's mode and owner, the semaphore's value and sleepers, whether each end (server, client) is\n"
+        "alive, dead or unknown (it takes no part in liveness or closed) with its pid, and the processes\n"
+        "that map each segment, named server or client by those pids. Warns about a channel that runs\n"
+        "while no process maps it. Processes of other users are seen only with the privilege to read\n"
+        "their memory maps.");
     command.add_option("NAME", options->name, "the socket name")->required()->check(Arguments::ChannelName());
     command.add_flag("--json", options->json, "one JSON object (one per line with --watch)");
     CLI::Option* watch =

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include <csignal>
+#include <cstdio>
 #include <fstream>
 #include <string>
 
@@ -30,6 +31,22 @@ nlohmann::json InspectJson(const std::string& name) {
 int SemWaiters(const std::string& semName) {
     const int id = semget(kt::Djb2Key(semName), 0, 0);
     return id == -1 ? -1 : semctl(id, 0, GETNCNT);
+}
+
+nlohmann::json ListedChannel(const std::string& name) {
+    std::string out;
+    std::string err;
+    EXPECT_EQ(0, RunTool({"list", "--json"}, "", &out, &err)) << err;
+    const nlohmann::json json = nlohmann::json::parse(out, nullptr, false);
+    if (json.is_object()) {
+        for (const nlohmann::json& channel : json["channels"])
+            if (channel["name"] == name) return channel;
+    }
+    return nullptr;
+}
+
+nlohmann::json End(const std::string& liveness, pid_t pid) {
+    return {{"liveness", liveness}, {"pid", pid}};
 }
 
 bool CatchesSigint(pid_t pid) {
@@ -71,10 +88,18 @@ TEST(KelipcOperator, InspectJsonShowsTheRingsAsTheEndsLeftThem) {
     EXPECT_EQ(kBlock, l["segment"]["size"]);
     EXPECT_EQ("0660", l["segment"]["mode"]);
     EXPECT_EQ(getuid(), l["segment"]["uid"]);
-    const nlohmann::json expectedL = {
-        {"initialised", true}, {"dataLen", kDataLen},    {"running", true}, {"writePos", 1000},
-        {"readPos", 400},      {"positionsValid", true}, {"waiting", 600},  {"free", kDataLen - 1 - 600},
-        {"transTotal", 5000},  {"transLast", 77}};
+    const nlohmann::json expectedL = {{"initialised", true},
+                                      {"dataLen", kDataLen},
+                                      {"running", true},
+                                      {"writePos", 1000},
+                                      {"readPos", 400},
+                                      {"positionsValid", true},
+                                      {"waiting", 600},
+                                      {"free", kDataLen - 1 - 600},
+                                      {"transTotal", 5000},
+                                      {"transLast", 77},
+                                      {"server", End("alive", getpid())},
+                                      {"client", End("alive", getpid())}};
     EXPECT_EQ(expectedL, l["ring"]);
     EXPECT_EQ(300, r["ring"]["writePos"]);
     EXPECT_EQ(300, r["ring"]["waiting"]);
@@ -186,5 +211,114 @@ TEST(KelipcOperator, InspectWatchRefreshesUntilInterrupted) {
     EXPECT_EQ(0, tool.Finish(10000)) << tool.Err();
     const auto json = nlohmann::json::parse(tool.Out().substr(0, tool.Out().find('\n')), nullptr, false);
     EXPECT_EQ(true, json["L"]["ring"]["running"]) << tool.Out();
+    server.Close();
+}
+
+TEST(KelipcOperator, InspectAndListTellLiveDeadAndStaleEnds) {
+    const std::string name = kt::UniqueName("oplive");
+    const std::string abandoned = kt::UniqueName("opabandoned");
+    int ready[2];
+    ASSERT_EQ(0, pipe(ready));
+    kt::Child server([&] {
+        KelIpcSocket socket;
+        if (socket.Open(Process, Server, name.c_str(), nullptr) != IPC_OK) return 1;
+        const char byte = 1;
+        if (write(ready[1], &byte, 1) != 1) return 2;
+        sleep(30);  // until killed; the parent's bounded waits fail first
+        return 3;
+    });
+    close(ready[1]);
+    pollfd entry{ready[0], POLLIN, 0};
+    char byte = 0;
+    ASSERT_EQ(1, poll(&entry, 1, 10000));
+    ASSERT_EQ(1, read(ready[0], &byte, 1));
+    close(ready[0]);
+    KelIpcSocket client;
+    ASSERT_EQ(IPC_OK, client.Open(Process, Client, name.c_str(), nullptr));
+
+    nlohmann::json json = InspectJson(name);
+    EXPECT_EQ(End("alive", server.Pid()), json["server"]);
+    EXPECT_EQ(End("alive", getpid()), json["client"]);
+    EXPECT_EQ(nlohmann::json::array(), json["warnings"]);
+    EXPECT_EQ(true, json["R"]["semaphore"]["marked"]);
+    EXPECT_EQ(1, json["R"]["semaphore"]["servers"]);
+    for (const nlohmann::json& mapper : json["L"]["mappers"])
+        EXPECT_EQ(mapper["pid"] == server.Pid() ? "server" : "client", mapper["role"]) << mapper;
+    nlohmann::json listed = ListedChannel(name);
+    EXPECT_EQ(false, listed["stale"]) << listed;
+    EXPECT_EQ(2u, listed["mappers"].size()) << listed;
+
+    const pid_t serverPid = server.Pid();
+    server.Kill();
+    json = InspectJson(name);
+    EXPECT_EQ(End("dead", serverPid), json["server"]);
+    EXPECT_EQ(0, json["L"]["semaphore"]["servers"]);
+    listed = ListedChannel(name);
+    EXPECT_EQ(true, listed["stale"]) << listed;
+    EXPECT_EQ(nlohmann::json::array({"the server is dead"}), listed["reasons"]);
+    // The live client still maps it.
+    EXPECT_EQ("kelipc clean --force " + name, listed["clean"]);
+    client.Close();
+
+    // Both ends dead without closing: the rings still run and nobody maps them.
+    ASSERT_EQ(0, kt::RunInChild([&] {
+                  auto* leakedServer = new KelIpcSocket;
+                  auto* leakedClient = new KelIpcSocket;
+                  if (leakedServer->Open(Process, Server, abandoned.c_str(), nullptr) != IPC_OK) return 1;
+                  return leakedClient->Open(Process, Client, abandoned.c_str(), nullptr) == IPC_OK ? 0 : 2;
+              }));
+    std::string out;
+    std::string err;
+    EXPECT_EQ(0, RunTool({"inspect", abandoned}, "", &out, &err)) << err;
+    EXPECT_NE(std::string::npos, out.find("warning: the channel runs but no process maps it")) << out;
+    EXPECT_NE(std::string::npos, out.find("  client  dead  pid ")) << out;
+    listed = ListedChannel(abandoned);
+    EXPECT_EQ("dead", listed["server"]["liveness"]);
+    EXPECT_EQ(nlohmann::json::array({"the server is dead", "the client is dead", "no process maps it"}),
+              listed["reasons"]);
+    EXPECT_EQ("kelipc clean " + abandoned, listed["clean"]);
+    EXPECT_EQ(0, RunTool({"list"}, "", &out, &err)) << err;
+    EXPECT_NE(std::string::npos, out.find("to remove it: kelipc clean " + abandoned + "\n")) << out;
+}
+
+TEST(KelipcOperator, CleanAllRemovesOnlyMarkedSetsWhoseServerAndSegmentsAreGone) {
+    const std::string orphan = kt::UniqueName("oporphanset");
+    const std::string live = kt::UniqueName("oplivesets");
+    const std::string foreign = kt::UniqueName("opforeignset");
+    // A server killed after its segments' names were removed: its sets no name can find remain.
+    ASSERT_EQ(0, kt::RunInChild([&] {
+                  auto* leaked = new KelIpcSocket;
+                  return leaked->Open(Process, Server, orphan.c_str(), nullptr) == IPC_OK ? 0 : 1;
+              }));
+    kt::RemoveShm(orphan + "_XL_shm");
+    kt::RemoveShm(orphan + "_XR_shm");
+    KelIpcSocket server;
+    ASSERT_EQ(IPC_OK, server.Open(Process, Server, live.c_str(), nullptr));
+    // One semaphore, as an older server made it: unmarked, so never proven unused.
+    ASSERT_NE(-1, semget(kt::Djb2Key(foreign + "_XL_ssm"), 1, IPC_CREAT | 0600));
+    // Sets changed in the last 2 s are kept, as an end may be opening them.
+    usleep(2200 * 1000);
+
+    std::string out;
+    std::string err;
+    EXPECT_EQ(0, RunTool({"clean", "--all"}, "", &out, &err)) << err;
+    for (const char* set : {"_XL_ssm", "_XR_ssm"}) {
+        char key[16];
+        std::snprintf(key, sizeof key, "0x%08x", static_cast<unsigned>(kt::Djb2Key(orphan + set)));
+        EXPECT_NE(std::string::npos, out.find(std::string("removed semaphore set key ") + key)) << out;
+        EXPECT_FALSE(kt::SemExists(orphan + set));
+    }
+    EXPECT_NE(std::string::npos, out.find("removed 2 semaphore sets without segments")) << out;
+    EXPECT_TRUE(kt::ChannelObjects(live) == 4);
+    EXPECT_TRUE(kt::SemExists(foreign + "_XL_ssm"));
+
+    // A server finding the smaller set uses it as it is.
+    KelIpcSocket reuser;
+    ASSERT_EQ(IPC_OK, reuser.Open(Process, Server, foreign.c_str(), nullptr));
+    const nlohmann::json json = InspectJson(foreign);
+    EXPECT_EQ(1, json["L"]["semaphore"]["count"]);
+    EXPECT_EQ(false, json["L"]["semaphore"]["marked"]);
+    EXPECT_EQ(true, json["R"]["semaphore"]["marked"]);
+    reuser.Close();
     server.Close();
 }

@@ -36,6 +36,33 @@ int SetValue(int semId, int value) {
     return semctl(semId, 0, SETVAL, arg);
 }
 
+// Counts this process as a live server of the set, undone by the kernel when the process dies, and only
+// then marks the set as one of ours: a marked set whose count is 0 is known to have no server. SETVAL is
+// kept off the count, as it would clear every process's undo of it.
+bool MarkServer(int semId) {
+    sembuf alive{};
+    alive.sem_num = KelSystemSemaphore::kServerCount;
+    alive.sem_op = 1;
+    alive.sem_flg = SEM_UNDO;
+    int rc = semop(semId, &alive, 1);
+    if (rc == -1) {
+        const int err = errno;
+        KEL_IPC_LOG(kSource, "SemServerOpen", "semop fail, rc=%d, errno=%d", rc, err);
+        errno = err;
+        return false;
+    }
+    SemArg arg;
+    arg.val = KelSystemSemaphore::kMarkerValue;
+    rc = semctl(semId, KelSystemSemaphore::kMarker, SETVAL, arg);
+    if (rc == -1) {
+        const int err = errno;
+        KEL_IPC_LOG(kSource, "SemServerOpen", "semctl SETVAL fail, rc=%d, errno=%d", rc, err);
+        errno = err;
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 class KelSystemSemaphorePrivate {
@@ -53,7 +80,16 @@ int KelSystemSemaphorePrivate::SemServerOpen(const char* name, const KelSecurity
     const key_t key = KeyFromName(name);
     // No IPC_EXCL: a set left by a server that died is reused.
     const int flags = (security != nullptr ? security->mode : kDefaultMode) | IPC_CREAT;
-    m_semId = semget(key, 1, flags);
+    m_semId = semget(key, KelSystemSemaphore::kServerSetSize, flags);
+    // EINVAL: a smaller set made by an older or foreign server; it is used as it is, without the marks.
+    if (m_semId == -1 && errno == EINVAL) {
+        m_semId = semget(key, 1, flags);
+    } else if (m_semId != -1 && !MarkServer(m_semId)) {
+        const int err = errno;
+        (void)PriClose();
+        errno = err;
+        return IPC_ERR_FAILED;
+    }
     if (m_semId == -1) {
         KEL_IPC_LOG(kSource, "SemServerOpen", "semget fail, rc=%d, errno=%d", m_semId, errno);
         return IPC_ERR_FAILED;
