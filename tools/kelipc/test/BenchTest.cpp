@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
@@ -10,17 +11,6 @@
 
 #include "TestSupport.h"
 #include "ToolProcess.h"
-
-namespace {
-
-std::vector<int> ChildrenOf(int pid) {
-    std::vector<int> children;
-    std::ifstream file("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children");
-    for (int child; file >> child;) children.push_back(child);
-    return children;
-}
-
-}  // namespace
 
 TEST(KelipcBench, ShortRunUnderLoadReportsEveryRowAndLeavesNothingBehind) {
     const std::string name = kt::UniqueName("bench");
@@ -71,10 +61,12 @@ TEST(KelipcBench, ShortRunUnderLoadReportsEveryRowAndLeavesNothingBehind) {
 TEST(KelipcBench, InterruptedRunUnderLoadStopsItsBusyLoops) {
     const std::string name = kt::UniqueName("bench_int");
     ToolProcess tool({"bench", "--load", "2", "--name", name});
+    const std::string task = "/proc/" + std::to_string(tool.Pid()) + "/task/" + std::to_string(tool.Pid());
     std::vector<int> loops;
     ASSERT_TRUE(kt::WaitUntil(
         [&] {
-            loops = ChildrenOf(tool.Pid());
+            std::ifstream children(task + "/children");
+            loops.assign(std::istream_iterator<int>(children), std::istream_iterator<int>());
             return loops.size() >= 3;  // two loops and a measuring child
         },
         20000));

@@ -7,18 +7,13 @@
 #include "TestSupport.h"
 #include "ToolProcess.h"
 
-namespace {
-
-struct Rejected {
-    std::vector<std::string> args;
-    std::string names;  // what the one line must name: the option and what it accepts
-};
-
-}  // namespace
-
 // Every bad input is refused before any work starts: exit 2, one line on stderr in one style, saying what
 // would have been accepted, and nothing on stdout (no half-run report, no library log lines).
 TEST(KelipcUsage, BadArgumentsAreRefusedUpFrontInOneLineThatSaysWhatIsAccepted) {
+    struct Rejected {
+        std::vector<std::string> args;
+        std::string names;  // what the one line must name: the option and what it accepts
+    };
     const std::string missing = "/nonexistent_" + std::to_string(getpid()) + "/x.json";
     const Rejected cases[] = {
         {{"demo", "--block", "1000"}, "--block: '1000' is not a size from 32K to 1G"},
