@@ -113,13 +113,10 @@ TEST(KelCycleBufferTransfer, RingLargerThanTheL2CacheKeepsEveryByteOfSteppedCopi
     EXPECT_EQ(0, ring.server.DataSize());
 }
 
+// Bad counts of the non-blocking forms are the model test's part.
 TEST(KelCycleBufferTransfer, BadCountsAndPointersFailWithoutMovingAnything) {
     RingPair ring;
     char byte = 'a';
-    EXPECT_EQ(IPC_ERR_FAILED, ring.server.NonblockWrite(&byte, 0));
-    EXPECT_EQ(IPC_ERR_FAILED, ring.server.NonblockWrite(&byte, -1));
-    EXPECT_EQ(IPC_ERR_FAILED, ring.client.NonblockRead(&byte, 0));
-    EXPECT_EQ(IPC_ERR_FAILED, ring.client.NonblockRead(&byte, -1));
     EXPECT_EQ(IPC_ERR_FAILED, ring.server.NonblockWrite(nullptr, 5));
     EXPECT_EQ(0, ring.client.NonblockRead(nullptr, 5));  // not there: nothing to copy into
     EXPECT_EQ(0, ring.server.DataSize());

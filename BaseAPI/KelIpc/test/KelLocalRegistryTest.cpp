@@ -18,47 +18,29 @@ TEST(KelSemaphore, ReleasesAccumulateAndAcquireWaitsAtZero) {
     ASSERT_TRUE(kt::Ready(fourth, 10000));
 }
 
-TEST(KelLocalSemaphore, ClientNeedsServerAndServerNameIsExclusive) {
+TEST(KelLocalSemaphore, ClientNeedsServerAndTheNameStaysTakenUntilTheLastHandleClosesWhicheverItIs) {
     const std::string name = kt::UniqueName("lsc");
-    KelLocalSemaphore server;
-    KelLocalSemaphore client;
-    EXPECT_EQ(IPC_ERR_NULL, client.Open(nullptr, Client));
-    EXPECT_EQ(IPC_ERR_PARAM, client.Open(name.c_str(), static_cast<KelSide>(2)));
-    EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Open(name.c_str(), Client));
-    EXPECT_EQ(nullptr, client.Semaphore());
+    KelLocalSemaphore server, clientA, clientB, again;
+    EXPECT_EQ(IPC_ERR_NULL, clientA.Open(nullptr, Client));
+    EXPECT_EQ(IPC_ERR_PARAM, clientA.Open(name.c_str(), static_cast<KelSide>(2)));
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, clientA.Open(name.c_str(), Client));
+    EXPECT_EQ(nullptr, clientA.Semaphore());
 
     ASSERT_EQ(IPC_OK, server.Open(name.c_str(), Server));
     EXPECT_EQ(IPC_ERR_OPENED, server.Open(name.c_str(), Server));
-    KelLocalSemaphore second;
-    EXPECT_EQ(IPC_ERR_OPENED, second.Open(name.c_str(), Server));
+    EXPECT_EQ(IPC_ERR_OPENED, again.Open(name.c_str(), Server));
     // Names are compared byte for byte: another letter case is another semaphore.
-    KelLocalSemaphore upper;
-    std::string other = name;
-    other[0] = 'K';
-    EXPECT_EQ(IPC_ERR_NOT_OPENED, upper.Open(other.c_str(), Client));
-
-    ASSERT_EQ(IPC_OK, client.Open(name.c_str(), Client));
-    EXPECT_EQ(server.Semaphore(), client.Semaphore());
-    // An empty name is a valid key of its own.
-    KelLocalSemaphore empty;
-    EXPECT_EQ(IPC_OK, empty.Open("", Server));
-}
-
-TEST(KelLocalSemaphore, LastHandleToCloseFreesTheNameWhicheverItIs) {
-    const std::string name = kt::UniqueName("lsc");
-    KelLocalSemaphore server;
-    KelLocalSemaphore clientA;
-    KelLocalSemaphore clientB;
-    ASSERT_EQ(IPC_OK, server.Open(name.c_str(), Server));
+    std::string upper = name;
+    upper[0] = 'K';
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, clientA.Open(upper.c_str(), Client));
     ASSERT_EQ(IPC_OK, clientA.Open(name.c_str(), Client));
     ASSERT_EQ(IPC_OK, clientB.Open(name.c_str(), Client));
-    KelSemaphore* shared = clientA.Semaphore();
-    shared->Release();
+    EXPECT_EQ(server.Semaphore(), clientA.Semaphore());
+
+    clientA.Semaphore()->Release();
     EXPECT_EQ(IPC_OK, server.Close());
     EXPECT_EQ(IPC_OK, server.Close());  // closing twice is harmless
     clientB.Semaphore()->Acquire();     // still alive for the clients
-
-    KelLocalSemaphore again;
     EXPECT_EQ(IPC_ERR_OPENED, again.Open(name.c_str(), Server));
     clientA.Close();
     EXPECT_EQ(IPC_ERR_OPENED, again.Open(name.c_str(), Server));
@@ -69,6 +51,9 @@ TEST(KelLocalSemaphore, LastHandleToCloseFreesTheNameWhicheverItIs) {
     EXPECT_FALSE(kt::Ready(waiter, 30));
     again.Semaphore()->Release();
     ASSERT_TRUE(kt::Ready(waiter, 10000));
+    // An empty name is a valid key of its own.
+    KelLocalSemaphore empty;
+    EXPECT_EQ(IPC_OK, empty.Open("", Server));
 }
 
 TEST(KelLocalMemory, ClientSharesTheServerBlockOfTheSameSizeOnly) {
