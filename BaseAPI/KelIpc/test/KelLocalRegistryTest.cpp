@@ -1,3 +1,4 @@
+// The in-process transport's parts, registered by name in the process: semaphore, memory, channel.
 #include <future>
 #include <string>
 
@@ -5,8 +6,11 @@
 
 #include "KelLocalMemory.h"
 #include "KelLocalSemaphore.h"
+#include "KelLocalSockImpl.h"
 #include "KelSemaphore.h"
 #include "TestSupport.h"
+
+constexpr int kChannelBlock = 65536;
 
 TEST(KelSemaphore, ReleasesAccumulateAndAcquireWaitsAtZero) {
     KelSemaphore sem;
@@ -83,4 +87,52 @@ TEST(KelLocalMemory, ClientSharesTheServerBlockOfTheSameSizeOnly) {
     EXPECT_EQ(IPC_OK, client.Close());
     EXPECT_EQ(nullptr, client.Data());
     EXPECT_EQ(IPC_OK, again.Open(name.c_str(), 128, Server));
+}
+
+TEST(KelChannelRing, ArgumentTestsBeforeTheRingOnlyForBlockAndNonBlockForms) {
+    const std::string name = kt::UniqueName("lchan");
+    KelLocalSockImpl server;
+    ASSERT_EQ(IPC_OK, server.Open(Server, name.c_str(), kChannelBlock, nullptr, NonBlock));
+    KelChannelRing& ring = server.Ring();
+    char byte = 0;
+    for (int length : {0, -1}) {
+        EXPECT_EQ(IPC_ERR_NULL, ring.BlockWrite(&byte, length));
+        EXPECT_EQ(IPC_ERR_NULL, ring.BlockRead(&byte, length));
+        EXPECT_EQ(IPC_ERR_NULL, ring.NonBlockWrite(&byte, length));
+        EXPECT_EQ(IPC_ERR_NULL, ring.NonBlockRead(&byte, length));
+        EXPECT_EQ(IPC_ERR_NULL, ring.Write(&byte, length));  // from the ring itself
+        EXPECT_EQ(IPC_ERR_NULL, ring.Read(&byte, length));
+    }
+    EXPECT_EQ(IPC_ERR_NULL, ring.NonBlockWrite(nullptr, 1));
+    EXPECT_EQ(IPC_OK, server.Close());
+    for (int rc : {ring.Write(&byte, 1), ring.BlockRead(&byte, 1), ring.NonBlockWrite(&byte, 1),
+                   ring.DataSize(), ring.SpaceSize(), ring.Reset(), ring.Start(), ring.Stop()}) {
+        EXPECT_EQ(IPC_ERR_NOT_OPENED, rc);
+    }
+}
+
+TEST(KelLocalSockImpl, WhicheverEndClosesLastFreesTheNameAndFailedOpensHoldNothing) {
+    const std::string name = kt::UniqueName("lchan");
+    kt::LogCapture quiet;  // the refused opens log their chain
+    KelLocalSockImpl server;
+    KelLocalSockImpl client;
+    ASSERT_EQ(IPC_OK, server.Open(Server, name.c_str(), kChannelBlock, nullptr, Block));
+    KelLocalSockImpl second;
+    EXPECT_EQ(IPC_ERR_OPENED, second.Open(Server, name.c_str(), kChannelBlock, nullptr, Block));
+    ASSERT_EQ(IPC_OK, client.Open(Client, name.c_str(), kChannelBlock, nullptr, Block));
+    // The server closes first: the client's transfers end, and the name stays taken until it closes too.
+    EXPECT_EQ(IPC_OK, server.Close());
+    char byte = 0;
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Ring().NonBlockWrite(&byte, 1));
+    EXPECT_EQ(IPC_ERR_OPENED, second.Open(Server, name.c_str(), kChannelBlock, nullptr, Block));
+    EXPECT_EQ(IPC_OK, client.Close());
+
+    // A server with its own semaphore registers none, so a client that wants the named one fails at that
+    // step; neither that client nor one of another size may keep a hold on the name.
+    KelSemaphore own;
+    ASSERT_EQ(IPC_OK, second.Open(Server, name.c_str(), kChannelBlock, &own, Block));
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Open(Client, name.c_str(), kChannelBlock, nullptr, Block));
+    EXPECT_EQ(IPC_ERR_PARAM, client.Open(Client, name.c_str(), kChannelBlock * 2, &own, Block));
+    EXPECT_EQ(IPC_OK, second.Close());
+    EXPECT_EQ(IPC_OK, server.Open(Server, name.c_str(), kChannelBlock, nullptr, Block));
 }

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "KelIpcVersion.h"
 #include "TestSupport.h"
 #include "ToolProcess.h"
 
@@ -72,4 +73,19 @@ TEST(KelipcUsage, EveryCommandHasHelpWithItsOptionsAndTheExitCodes) {
         EXPECT_NE(std::string::npos, out.find(command[1])) << out;
         EXPECT_NE(std::string::npos, out.find("128+N stopped by signal N")) << out;
     }
+}
+
+// In one build the program and the library it loads are both the version the header's parts name.
+TEST(KelipcVersion, BothSpellingsPrintProgramAndLibraryVersions) {
+    const std::string version = std::to_string(KELIPC_VERSION_MAJOR) + "." +
+                                std::to_string(KELIPC_VERSION_MINOR) + "." +
+                                std::to_string(KELIPC_VERSION_PATCH);
+    EXPECT_EQ(version, KELIPC_VERSION_STRING);
+    for (const char* spelling : {"--version", "version"}) {
+        std::string out;
+        std::string err;
+        EXPECT_EQ(0, RunTool({spelling}, "", &out, &err)) << err;
+        EXPECT_EQ("kelipc " + version + "\nlibKelIpc " + version + "\n", out) << spelling;
+    }
+    EXPECT_EQ(2, RunTool({"version", "extra"}, ""));
 }
