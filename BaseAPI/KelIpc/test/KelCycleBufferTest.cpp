@@ -114,13 +114,12 @@ TEST(KelCycleBufferTransfer, RingLargerThanTheL2CacheKeepsEveryByteOfSteppedCopi
 }
 
 // Bad counts of the non-blocking forms are the model test's part.
-TEST(KelCycleBufferTransfer, BadCountsAndPointersFailWithoutMovingAnything) {
+TEST(KelCycleBufferTransfer, BadCountsPointersAndHeaderWordsNeverMoveBytes) {
     RingPair ring;
     char byte = 'a';
     EXPECT_EQ(IPC_ERR_FAILED, ring.server.NonblockWrite(nullptr, 5));
     EXPECT_EQ(0, ring.client.NonblockRead(nullptr, 5));  // not there: nothing to copy into
     EXPECT_EQ(0, ring.server.DataSize());
-
     EXPECT_EQ(IPC_ERR_NULL, ring.server.Write(nullptr, 1));
     EXPECT_EQ(IPC_ERR_NULL, ring.server.Write(&byte, 0));
     EXPECT_EQ(IPC_ERR_NULL, ring.client.Read(&byte, -1));
@@ -128,15 +127,12 @@ TEST(KelCycleBufferTransfer, BadCountsAndPointersFailWithoutMovingAnything) {
     EXPECT_EQ(IPC_ERR_FAILED, ring.server.BlockWrite(&byte, -1));
     EXPECT_EQ(0, ring.client.BlockRead(&byte, 0));
     EXPECT_EQ(IPC_ERR_FAILED, ring.client.BlockRead(&byte, -1));
-}
 
-TEST(KelCycleBufferLifecycle, CorruptHeaderWordsNeverMoveBytesOutsideTheBlock) {
-    RingPair ring;
+    // Positions outside the data area, as a corrupt or hostile header holds them.
     KelCBHead* head = ring.server.KelCBHeadPtr();
     const int len = ring.DataLen();
     std::vector<char> bytes = kt::Pattern(64);
-    const int32_t bad[] = {-1, len, len + 5000, INT32_MIN, INT32_MAX};
-    for (int32_t value : bad) {
+    for (int32_t value : {-1, len, len + 5000, INT32_MIN, INT32_MAX}) {
         head->writePos = value;
         head->readPos = 0;
         EXPECT_GE(0, ring.server.NonblockWrite(bytes.data(), 8)) << value;
