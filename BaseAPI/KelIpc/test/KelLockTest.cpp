@@ -80,7 +80,7 @@ TEST_F(KelLockTest, ExclusiveExcludesOtherProcessesUntilUnlockOrTheHoldersEnd) {
     EXPECT_TRUE(lock.LockExclusive());
 }
 
-TEST_F(KelLockTest, TwoSharedHoldersBlockExclusiveInEitherAndAFailedConversionKeepsTheSharedLock) {
+TEST_F(KelLockTest, SharedHoldersBlockExclusiveInEitherAndAGuardReleasesExactlyALockItTook) {
     KelFileLock lock(m_path);
     ASSERT_TRUE(lock.LockShared());
     auto other = Holder(m_path, [](KelFileLock& mine) { return mine.LockShared() && !mine.LockExclusive(); });
@@ -91,8 +91,18 @@ TEST_F(KelLockTest, TwoSharedHoldersBlockExclusiveInEitherAndAFailedConversionKe
         EXPECT_FALSE(guard.LockExclusive());  // a guard whose lock failed has nothing to release
     }
     other->Kill();
-    EXPECT_EQ(Probe(m_path), kShared);
-    EXPECT_TRUE(lock.LockExclusive());
+    EXPECT_EQ(Probe(m_path), kShared);  // the failed conversions kept the shared lock
+    {
+        KelFileLockGuard guard(&lock);
+        ASSERT_TRUE(guard.LockExclusive());
+        EXPECT_EQ(Probe(m_path), 0);
+    }
+    EXPECT_EQ(Probe(m_path), kShared | kExclusive);
+    {
+        KelFileLockGuard guard(&lock);
+        ASSERT_TRUE(lock.LockExclusive());  // taken around the guard: not its to release
+    }
+    EXPECT_EQ(Probe(m_path), 0);
 }
 
 // A lock taken through a symbolic link is one on its target.
@@ -112,22 +122,6 @@ TEST_F(KelLockTest, LocksBelongToTheProcessWhicheverPathReachesTheFile) {
         EXPECT_EQ(Probe(m_path), 0);
     }
     EXPECT_EQ(Probe(m_path), kShared | kExclusive);  // closing second dropped the lock taken through lock
-}
-
-TEST_F(KelLockTest, GuardUnlocksExactlyWhenItsLockSucceeded) {
-    KelFileLock lock(m_path);
-    {
-        KelFileLockGuard guard(&lock);
-        ASSERT_TRUE(guard.LockShared());
-        ASSERT_TRUE(lock.LockExclusive());
-        EXPECT_EQ(Probe(m_path), 0);
-    }
-    EXPECT_EQ(Probe(m_path), kShared | kExclusive);
-    {
-        KelFileLockGuard guard(&lock);
-        ASSERT_TRUE(lock.LockExclusive());  // taken around the guard: not its to release
-    }
-    EXPECT_EQ(Probe(m_path), 0);
 }
 
 TEST_F(KelLockTest, UnresolvablePathLeavesObjectWithoutDescriptor) {
