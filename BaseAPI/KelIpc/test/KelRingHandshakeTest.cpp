@@ -51,7 +51,7 @@ struct SharedRing {
         void* mapped = mmap(nullptr, kMapped, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         block = mapped == MAP_FAILED ? nullptr : static_cast<char*>(mapped);
         EXPECT_NE(nullptr, block);
-        consumed = new (block + kBlock) std::atomic<int64_t>(0);
+        consumed = block == nullptr ? nullptr : new (block + kBlock) std::atomic<int64_t>(0);
         EXPECT_EQ(IPC_OK, sem.Open(name.c_str(), Server, nullptr));
         EXPECT_EQ(IPC_OK, server.AttachIpc(block, kBlock, Server, Block, &sem));
     }
@@ -73,8 +73,8 @@ struct SharedRing {
     KelCycleBuffer server;
 };
 
-// An end written from the ring format alone: positions and a signal after every written piece; it never
-// looks at the reserved area. True when all total bytes went through in order.
+// An end written from the ring format alone: positions, and a signal after every piece it writes; it
+// never looks at the reserved area. True when all total bytes went through in order.
 bool BareEnd(KelCBHead* head, KelSystemSemaphore& sem, int64_t total, bool writes) {
     char* const area = reinterpret_cast<char*>(head) + kHead;
     const int64_t len = head->dataLen;
