@@ -1,3 +1,4 @@
+// The in-process transport's parts, registered by name in the process: semaphore, memory, channel.
 #include <future>
 #include <string>
 
@@ -5,70 +6,51 @@
 
 #include "KelLocalMemory.h"
 #include "KelLocalSemaphore.h"
+#include "KelLocalSockImpl.h"
 #include "KelSemaphore.h"
 #include "TestSupport.h"
 
-TEST(KelSemaphore, ReleasesAccumulateAndAcquireWaitsAtZero) {
-    KelSemaphore sem;
+constexpr int kChannelBlock = 65536;
+
+TEST(KelLocalSemaphore, ClientNeedsServerAndTheNameStaysTakenUntilTheLastHandleClosesWhicheverItIs) {
+    const std::string name = kt::UniqueName("lsc");
+    KelLocalSemaphore server, clientA, clientB, again;
+    EXPECT_EQ(IPC_ERR_NULL, clientA.Open(nullptr, Client));
+    EXPECT_EQ(IPC_ERR_PARAM, clientA.Open(name.c_str(), static_cast<KelSide>(2)));
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, clientA.Open(name.c_str(), Client));
+    EXPECT_EQ(nullptr, clientA.Semaphore());
+
+    ASSERT_EQ(IPC_OK, server.Open(name.c_str(), Server));
+    EXPECT_EQ(IPC_ERR_OPENED, server.Open(name.c_str(), Server));
+    EXPECT_EQ(IPC_ERR_OPENED, again.Open(name.c_str(), Server));
+    // Names are compared byte for byte: another letter case is another semaphore.
+    std::string upper = name;
+    upper[0] = 'K';
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, clientA.Open(upper.c_str(), Client));
+    ASSERT_EQ(IPC_OK, clientA.Open(name.c_str(), Client));
+    ASSERT_EQ(IPC_OK, clientB.Open(name.c_str(), Client));
+    EXPECT_EQ(server.Semaphore(), clientA.Semaphore());
+
+    clientA.Semaphore()->Release();
+    EXPECT_EQ(IPC_OK, server.Close());
+    EXPECT_EQ(IPC_OK, server.Close());  // closing twice is harmless
+    clientB.Semaphore()->Acquire();     // still alive for the clients
+    EXPECT_EQ(IPC_ERR_OPENED, again.Open(name.c_str(), Server));
+    clientA.Close();
+    EXPECT_EQ(IPC_ERR_OPENED, again.Open(name.c_str(), Server));
+    clientB.Close();
+    ASSERT_EQ(IPC_OK, again.Open(name.c_str(), Server));
+    // The new semaphore starts from zero and counts its releases.
+    KelSemaphore& sem = *again.Semaphore();
     for (int i = 0; i < 3; ++i) sem.Release();
     for (int i = 0; i < 3; ++i) sem.Acquire();  // none of these may block
     auto fourth = std::async(std::launch::async, [&] { sem.Acquire(); });
     EXPECT_FALSE(kt::Ready(fourth, 50));
     sem.Release();
     ASSERT_TRUE(kt::Ready(fourth, 10000));
-}
-
-TEST(KelLocalSemaphore, ClientNeedsServerAndServerNameIsExclusive) {
-    const std::string name = kt::UniqueName("lsc");
-    KelLocalSemaphore server;
-    KelLocalSemaphore client;
-    EXPECT_EQ(IPC_ERR_NULL, client.Open(nullptr, Client));
-    EXPECT_EQ(IPC_ERR_PARAM, client.Open(name.c_str(), static_cast<KelSide>(2)));
-    EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Open(name.c_str(), Client));
-    EXPECT_EQ(nullptr, client.Semaphore());
-
-    ASSERT_EQ(IPC_OK, server.Open(name.c_str(), Server));
-    EXPECT_EQ(IPC_ERR_OPENED, server.Open(name.c_str(), Server));
-    KelLocalSemaphore second;
-    EXPECT_EQ(IPC_ERR_OPENED, second.Open(name.c_str(), Server));
-    // Names are compared byte for byte: another letter case is another semaphore.
-    KelLocalSemaphore upper;
-    std::string other = name;
-    other[0] = 'K';
-    EXPECT_EQ(IPC_ERR_NOT_OPENED, upper.Open(other.c_str(), Client));
-
-    ASSERT_EQ(IPC_OK, client.Open(name.c_str(), Client));
-    EXPECT_EQ(server.Semaphore(), client.Semaphore());
     // An empty name is a valid key of its own.
     KelLocalSemaphore empty;
     EXPECT_EQ(IPC_OK, empty.Open("", Server));
-}
-
-TEST(KelLocalSemaphore, LastHandleToCloseFreesTheNameWhicheverItIs) {
-    const std::string name = kt::UniqueName("lsc");
-    KelLocalSemaphore server;
-    KelLocalSemaphore clientA;
-    KelLocalSemaphore clientB;
-    ASSERT_EQ(IPC_OK, server.Open(name.c_str(), Server));
-    ASSERT_EQ(IPC_OK, clientA.Open(name.c_str(), Client));
-    ASSERT_EQ(IPC_OK, clientB.Open(name.c_str(), Client));
-    KelSemaphore* shared = clientA.Semaphore();
-    shared->Release();
-    EXPECT_EQ(IPC_OK, server.Close());
-    EXPECT_EQ(IPC_OK, server.Close());  // closing twice is harmless
-    clientB.Semaphore()->Acquire();     // still alive for the clients
-
-    KelLocalSemaphore again;
-    EXPECT_EQ(IPC_ERR_OPENED, again.Open(name.c_str(), Server));
-    clientA.Close();
-    EXPECT_EQ(IPC_ERR_OPENED, again.Open(name.c_str(), Server));
-    clientB.Close();
-    ASSERT_EQ(IPC_OK, again.Open(name.c_str(), Server));
-    // The new semaphore starts from zero.
-    auto waiter = std::async(std::launch::async, [&] { again.Semaphore()->Acquire(); });
-    EXPECT_FALSE(kt::Ready(waiter, 30));
-    again.Semaphore()->Release();
-    ASSERT_TRUE(kt::Ready(waiter, 10000));
 }
 
 TEST(KelLocalMemory, ClientSharesTheServerBlockOfTheSameSizeOnly) {
@@ -98,4 +80,52 @@ TEST(KelLocalMemory, ClientSharesTheServerBlockOfTheSameSizeOnly) {
     EXPECT_EQ(IPC_OK, client.Close());
     EXPECT_EQ(nullptr, client.Data());
     EXPECT_EQ(IPC_OK, again.Open(name.c_str(), 128, Server));
+}
+
+TEST(KelChannelRing, ArgumentTestsBeforeTheRingOnlyForBlockAndNonBlockForms) {
+    const std::string name = kt::UniqueName("lchan");
+    KelLocalSockImpl server;
+    ASSERT_EQ(IPC_OK, server.Open(Server, name.c_str(), kChannelBlock, nullptr, NonBlock));
+    KelChannelRing& ring = server.Ring();
+    char byte = 0;
+    for (int length : {0, -1}) {
+        EXPECT_EQ(IPC_ERR_NULL, ring.BlockWrite(&byte, length));
+        EXPECT_EQ(IPC_ERR_NULL, ring.BlockRead(&byte, length));
+        EXPECT_EQ(IPC_ERR_NULL, ring.NonBlockWrite(&byte, length));
+        EXPECT_EQ(IPC_ERR_NULL, ring.NonBlockRead(&byte, length));
+        EXPECT_EQ(IPC_ERR_NULL, ring.Write(&byte, length));  // from the ring itself
+        EXPECT_EQ(IPC_ERR_NULL, ring.Read(&byte, length));
+    }
+    EXPECT_EQ(IPC_ERR_NULL, ring.NonBlockWrite(nullptr, 1));
+    EXPECT_EQ(IPC_OK, server.Close());
+    for (int rc : {ring.Write(&byte, 1), ring.BlockRead(&byte, 1), ring.NonBlockWrite(&byte, 1),
+                   ring.DataSize(), ring.SpaceSize(), ring.Reset(), ring.Start(), ring.Stop()}) {
+        EXPECT_EQ(IPC_ERR_NOT_OPENED, rc);
+    }
+}
+
+TEST(KelLocalSockImpl, WhicheverEndClosesLastFreesTheNameAndFailedOpensHoldNothing) {
+    const std::string name = kt::UniqueName("lchan");
+    kt::LogCapture quiet;  // the refused opens log their chain
+    KelLocalSockImpl server;
+    KelLocalSockImpl client;
+    ASSERT_EQ(IPC_OK, server.Open(Server, name.c_str(), kChannelBlock, nullptr, Block));
+    KelLocalSockImpl second;
+    EXPECT_EQ(IPC_ERR_OPENED, second.Open(Server, name.c_str(), kChannelBlock, nullptr, Block));
+    ASSERT_EQ(IPC_OK, client.Open(Client, name.c_str(), kChannelBlock, nullptr, Block));
+    // The server closes first: the client's transfers end, and the name stays taken until it closes too.
+    EXPECT_EQ(IPC_OK, server.Close());
+    char byte = 0;
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Ring().NonBlockWrite(&byte, 1));
+    EXPECT_EQ(IPC_ERR_OPENED, second.Open(Server, name.c_str(), kChannelBlock, nullptr, Block));
+    EXPECT_EQ(IPC_OK, client.Close());
+
+    // A server with its own semaphore registers none, so a client that wants the named one fails at that
+    // step; neither that client nor one of another size may keep a hold on the name.
+    KelSemaphore own;
+    ASSERT_EQ(IPC_OK, second.Open(Server, name.c_str(), kChannelBlock, &own, Block));
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Open(Client, name.c_str(), kChannelBlock, nullptr, Block));
+    EXPECT_EQ(IPC_ERR_PARAM, client.Open(Client, name.c_str(), kChannelBlock * 2, &own, Block));
+    EXPECT_EQ(IPC_OK, second.Close());
+    EXPECT_EQ(IPC_OK, server.Open(Server, name.c_str(), kChannelBlock, nullptr, Block));
 }

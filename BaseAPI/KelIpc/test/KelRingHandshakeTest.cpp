@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <future>
+#include <memory>
 #include <new>
 #include <random>
 #include <set>
@@ -32,6 +34,7 @@ constexpr int kChunk = kBlock / 50;
 
 // The documented words, by header offset: each end's wait word and the CPU it last ran on.
 constexpr size_t kReader = 832, kReaderCpu = 836, kWriter = 896, kWriterCpu = 900;
+constexpr size_t kWords[] = {kReader, kReaderCpu, kWriter, kWriterCpu};
 int32_t& Word(KelCycleBuffer& ring, size_t offset) {
     return *reinterpret_cast<int32_t*>(reinterpret_cast<char*>(ring.KelCBHeadPtr()) + offset);
 }
@@ -41,17 +44,19 @@ int SemValue(const std::string& name) {
 }
 
 // A ring over a shared anonymous mapping, so that a forked child sees the same block, woken through a
-// System V semaphore as between processes.
+// System V semaphore as between processes. Behind the block, where no ring reaches, the bytes a reader
+// reports as consumed.
 struct SharedRing {
     SharedRing() : name(kt::UniqueName("hs") + "_ssm") {
-        void* mapped = mmap(nullptr, kBlock, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        void* mapped = mmap(nullptr, kMapped, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         block = mapped == MAP_FAILED ? nullptr : static_cast<char*>(mapped);
         EXPECT_NE(nullptr, block);
+        consumed = block == nullptr ? nullptr : new (block + kBlock) std::atomic<int64_t>(0);
         EXPECT_EQ(IPC_OK, sem.Open(name.c_str(), Server, nullptr));
         EXPECT_EQ(IPC_OK, server.AttachIpc(block, kBlock, Server, Block, &sem));
     }
     ~SharedRing() {
-        if (block != nullptr) munmap(block, kBlock);
+        if (block != nullptr) munmap(block, kMapped);
     }
     KelCBHead* Head() { return reinterpret_cast<KelCBHead*>(block); }
     // The other process's end of the semaphore and, unless null, of the ring.
@@ -60,106 +65,99 @@ struct SharedRing {
                (peer == nullptr || peer->AttachIpc(block, kBlock, Client, Block, &peerSem) == IPC_OK);
     }
 
+    static constexpr size_t kMapped = kBlock + sizeof(std::atomic<int64_t>);
     std::string name;
     char* block = nullptr;
+    std::atomic<int64_t>* consumed = nullptr;
     KelSystemSemaphore sem;
     KelCycleBuffer server;
 };
 
-// An end written from the ring format alone: positions, run flag and a signal after every piece; it
-// never looks at the reserved area. Returns 0 when all total bytes went through in order.
-int BareWrite(KelCBHead* head, KelSystemSemaphore& sem, int64_t total) {
+// An end written from the ring format alone: positions, and a signal after every piece it writes; it
+// never looks at the reserved area. True when all total bytes went through in order.
+bool BareEnd(KelCBHead* head, KelSystemSemaphore& sem, int64_t total, bool writes) {
     char* const area = reinterpret_cast<char*>(head) + kHead;
-    const int32_t len = head->dataLen;
+    const int64_t len = head->dataLen;
+    int32_t* const own = writes ? &head->writePos : &head->readPos;
+    int32_t* const other = writes ? &head->readPos : &head->writePos;
     for (int64_t done = 0; done < total;) {
-        const int32_t w = __atomic_load_n(&head->writePos, __ATOMIC_RELAXED);
-        const int32_t r = __atomic_load_n(&head->readPos, __ATOMIC_ACQUIRE);
-        const int64_t room = len - 1 - (static_cast<int64_t>(w) + len - r) % len;
-        const int64_t piece = std::min<int64_t>({kChunk, total - done});
-        if (room < piece) {
-            KelSleep(1);
-            sem.Release();
-            continue;
-        }
-        for (int64_t i = 0; i < piece; ++i) area[(w + i) % len] = kt::PatternByte(done + i);
-        __atomic_store_n(&head->writePos, static_cast<int32_t>((w + piece) % len), __ATOMIC_RELEASE);
-        sem.Release();
-        done += piece;
-    }
-    return 0;
-}
-
-int BareRead(KelCBHead* head, KelSystemSemaphore& sem, int64_t total) {
-    const char* const area = reinterpret_cast<const char*>(head) + kHead;
-    const int32_t len = head->dataLen;
-    for (int64_t done = 0; done < total;) {
-        const int32_t r = __atomic_load_n(&head->readPos, __ATOMIC_RELAXED);
-        const int32_t w = __atomic_load_n(&head->writePos, __ATOMIC_ACQUIRE);
-        const int64_t stored = (static_cast<int64_t>(w) + len - r) % len;
+        const int32_t at = __atomic_load_n(own, __ATOMIC_RELAXED);
+        const int32_t peer = __atomic_load_n(other, __ATOMIC_ACQUIRE);
+        const int64_t stored = ((writes ? at - peer : peer - at) + len) % len;
         const int64_t piece = std::min<int64_t>(kChunk, total - done);
-        if (stored < piece) {
-            if (sem.Acquire() != IPC_OK && errno != EINTR) return 2;
+        if ((writes ? len - 1 - stored : stored) < piece) {
+            // A bare writer polls for room; a bare reader sleeps until a signal.
+            if (writes) {
+                KelSleep(1);
+                sem.Release();
+            } else if (sem.Acquire() != IPC_OK && errno != EINTR) {
+                return false;
+            }
             continue;
         }
         for (int64_t i = 0; i < piece; ++i) {
-            if (area[(r + i) % len] != kt::PatternByte(done + i)) return 1;
+            char& byte = area[(at + i) % len];
+            if (writes) {
+                byte = kt::PatternByte(done + i);
+            } else if (byte != kt::PatternByte(done + i)) {
+                return false;
+            }
         }
-        __atomic_store_n(&head->readPos, static_cast<int32_t>((r + piece) % len), __ATOMIC_RELEASE);
+        __atomic_store_n(own, static_cast<int32_t>((at + piece) % len), __ATOMIC_RELEASE);
+        if (writes) sem.Release();
         done += piece;
     }
-    return 0;
+    return true;
 }
 
 // Bursts of random sizes with random pauses on either side, so that each is sometimes the faster one
-// and the reader falls asleep and is woken again and again. After many bursts the writer waits for the
-// reader to report every byte read: a wake-up lost at the end of a burst leaves the reader asleep, and
-// no later piece would hide it. For that the reader reads in the writer's sizes (the same seed), so
-// that its read never waits for bytes the writer holds back.
-void Pause(std::mt19937& random) {
-    const uint32_t kind = random() % 8;
-    if (kind == 0) std::this_thread::sleep_for(std::chrono::microseconds(random() % 300));
-    if (kind == 1) std::this_thread::yield();
-}
-
-bool BurstyWrite(KelCycleBuffer& ring, int64_t total, uint32_t sizeSeed, uint32_t pauseSeed,
-                 const std::atomic<int64_t>* consumed) {
+// and the reader falls asleep and is woken again and again. With consumed, the writer often waits after
+// a burst for the reader to report every byte read: a wake-up lost at the end of a burst leaves the
+// reader asleep, and no later piece would hide it. For that the reader reads in the writer's sizes (the
+// same seed), so that its read never waits for bytes the writer holds back. True when every byte went
+// through in order.
+bool BurstyEnd(KelCycleBuffer& ring, bool writes, int64_t total, uint32_t sizeSeed, uint32_t pauseSeed,
+               std::atomic<int64_t>* consumed) {
     std::mt19937 sizes(sizeSeed);
     std::mt19937 random(pauseSeed);
-    std::vector<char> piece;
+    std::vector<char> piece(3 * kChunk);
     for (int64_t done = 0; done < total;) {
         const int n = static_cast<int>(std::min<int64_t>(1 + sizes() % (3 * kChunk), total - done));
-        piece = kt::Pattern(n, done);
-        if (ring.Write(piece.data(), n) != n) return false;
+        if (writes) piece = kt::Pattern(n, done);
+        if ((writes ? ring.Write(piece.data(), n) : ring.Read(piece.data(), n)) != n) return false;
+        if (!writes && kt::FirstWrong(piece.data(), n, done) >= 0) return false;
         done += n;
-        if (consumed != nullptr && random() % 2 == 0) {
+        if (!writes && consumed != nullptr) consumed->store(done, std::memory_order_release);
+        if (writes && consumed != nullptr && random() % 2 == 0) {
+            // A spin, not a sleep: the next piece comes while the reader is on its way to sleep.
             const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
             while (consumed->load(std::memory_order_acquire) != done) {
                 if (std::chrono::steady_clock::now() > deadline) return false;
                 std::this_thread::yield();
             }
         }
-        Pause(random);
+        const uint32_t pause = random() % 8;
+        if (pause == 0) std::this_thread::sleep_for(std::chrono::microseconds(random() % 300));
+        if (pause == 1) std::this_thread::yield();
     }
     return true;
 }
 
-// Offset of the first wrong byte, or -1.
-int64_t BurstyRead(KelCycleBuffer& ring, int64_t total, uint32_t sizeSeed, uint32_t pauseSeed,
-                   std::atomic<int64_t>* consumed) {
-    std::mt19937 sizes(sizeSeed);
-    std::mt19937 random(pauseSeed);
-    std::vector<char> buffer(3 * kChunk);
-    for (int64_t done = 0; done < total;) {
-        const int n = static_cast<int>(std::min<int64_t>(1 + sizes() % (3 * kChunk), total - done));
-        if (ring.Read(buffer.data(), n) != n) return done;
-        for (int i = 0; i < n; ++i) {
-            if (buffer[i] != kt::PatternByte(done + i)) return done + i;
-        }
-        done += n;
-        if (consumed != nullptr) consumed->store(done, std::memory_order_release);
-        Pause(random);
+// Runs peer in a forked child or in another thread, and ours in a thread of this process. A side that
+// hangs, as after a lost wake-up, is ended by the bound and a Stop of the ring, and fails the run.
+bool BothEndsSucceed(KelCycleBuffer& ring, bool fork, const std::function<bool()>& peer,
+                     const std::function<bool()>& ours) {
+    std::unique_ptr<kt::Child> child;
+    std::future<bool> thread;
+    if (fork) {
+        child = std::make_unique<kt::Child>([&] { return peer() ? 0 : 1; });  // before any thread starts
+    } else {
+        thread = std::async(std::launch::async, peer);
     }
-    return -1;
+    auto mine = std::async(std::launch::async, ours);
+    const bool peerDone = fork ? child->Wait(60000) == 0 : kt::Ready(thread, 60000) && thread.get();
+    if (!peerDone || !kt::Ready(mine, 10000)) ring.Stop();
+    return mine.get() && peerDone;
 }
 
 constexpr int64_t kBurstTotal = 4 << 20;
@@ -170,8 +168,6 @@ TEST(KelRingHandshake, WriterSignalsOnlyAReaderThatMaySleepUntilEnoughIsStored) 
     SharedRing ring;
     const std::vector<char> bytes = kt::Pattern(200);
     // A fresh ring: nobody has announced anything, so every piece signals as the bare protocol says.
-    EXPECT_EQ(0, Word(ring.server, kReader));
-    EXPECT_EQ(0, Word(ring.server, kWriter));
     ASSERT_EQ(10, ring.server.BlockWrite(bytes.data(), 10));
     EXPECT_EQ(1, SemValue(ring.name));
 
@@ -195,54 +191,40 @@ TEST(KelRingHandshake, WriterSignalsOnlyAReaderThatMaySleepUntilEnoughIsStored) 
     EXPECT_EQ(0, SemValue(ring.name));
 }
 
-TEST(KelRingHandshake, ReaderWakesAWriterOnlyOnceItFreedTheRoomAskedFor) {
+TEST(KelRingHandshake, ReaderAnnouncesItsSleepWakesAWriterOnceItFreedTheRoomAskedForAndRestartsClearAll) {
     SharedRing ring;
     KelCycleBuffer reader;
     ASSERT_EQ(IPC_OK, reader.AttachIpc(ring.block, kBlock, Client, Block, &ring.sem));
-    const int dataLen = kBlock - kHead;
-    const std::vector<char> bytes = kt::Pattern(dataLen - 1);
-    ASSERT_EQ(dataLen - 1, ring.server.NonblockWrite(bytes.data(), dataLen - 1));
-    Word(ring.server, kWriter) = 1000;  // a writer of ours waits for 1000 bytes of room
     std::vector<char> out(1000);
+    auto blocked = std::async(std::launch::async, [&] { return reader.Read(out.data(), 100); });
+    EXPECT_TRUE(kt::WaitUntil(
+        [&] { return __atomic_load_n(&Word(reader, kReader), __ATOMIC_RELAXED) == 100; }, 10000));
+    const std::vector<char> bytes = kt::Pattern(kBlock - kHead - 1);
+    EXPECT_EQ(100, ring.server.BlockWrite(bytes.data(), 100));
+    const bool woken = kt::Ready(blocked, 10000);
+    if (!woken) ring.server.Stop();  // lets the read go, so that the test fails instead of hanging
+    ASSERT_TRUE(woken);
+    EXPECT_EQ(100, blocked.get());
+    EXPECT_EQ(0, std::memcmp(bytes.data(), out.data(), 100));
+    EXPECT_EQ(-1, Word(reader, kReader)) << "awake between reads, announced again before any sleep";
+
+    ASSERT_EQ(kBlock - kHead - 1, ring.server.NonblockWrite(bytes.data(), kBlock - kHead - 1));
+    Word(ring.server, kWriter) = 1000;  // a writer of ours waits for 1000 bytes of room
     ASSERT_EQ(600, reader.NonblockRead(out.data(), 600));
     EXPECT_EQ(1000, Word(ring.server, kWriter));
     ASSERT_EQ(400, reader.NonblockRead(out.data(), 400));
     EXPECT_EQ(0, Word(ring.server, kWriter));
-
     // A blocking read that leaves wakes a waiting writer whatever it freed: it frees no more.
     Word(ring.server, kWriter) = 5000;
     ASSERT_EQ(10, reader.BlockRead(out.data(), 10));
     EXPECT_EQ(0, Word(ring.server, kWriter));
-}
-
-TEST(KelRingHandshake, ReaderAnnouncesItsSleepAndEveryRestartClearsTheWords) {
-    SharedRing ring;
-    KelCycleBuffer reader;
-    ASSERT_EQ(IPC_OK, reader.AttachIpc(ring.block, kBlock, Client, Block, &ring.sem));
-    char out[100];
-    auto blocked = std::async(std::launch::async, [&] { return reader.Read(out, 100); });
-    ASSERT_TRUE(kt::WaitUntil(
-        [&] { return __atomic_load_n(&Word(reader, kReader), __ATOMIC_RELAXED) == 100; }, 10000));
-    const std::vector<char> bytes = kt::Pattern(100);
-    ASSERT_EQ(100, ring.server.BlockWrite(bytes.data(), 100));
-    ASSERT_TRUE(kt::Ready(blocked, 10000));
-    EXPECT_EQ(100, blocked.get());
-    EXPECT_EQ(0, std::memcmp(bytes.data(), out, 100));
-    EXPECT_EQ(-1, Word(reader, kReader)) << "awake between reads, announced again before any sleep";
 
     // Reset, Start and Stop all begin the handshake anew: both words and both CPU words zero.
-    const auto cleared = [&] {
-        return Word(reader, kReader) == 0 && Word(reader, kWriter) == 0 && Word(reader, kReaderCpu) == 0 &&
-               Word(reader, kWriterCpu) == 0;
-    };
     for (int (KelCycleBuffer::*restart)() :
          {&KelCycleBuffer::Reset, &KelCycleBuffer::Start, &KelCycleBuffer::Stop}) {
-        Word(reader, kReader) = -1;
-        Word(reader, kWriter) = 7;
-        Word(reader, kReaderCpu) = 1;
-        Word(reader, kWriterCpu) = 2;
+        for (size_t word : kWords) Word(reader, word) = 7;
         EXPECT_EQ(IPC_OK, (ring.server.*restart)());
-        EXPECT_TRUE(cleared());
+        for (size_t word : kWords) EXPECT_EQ(0, Word(reader, word)) << "at " << word;
     }
     // The bytes around the words stay untouched: the reserved area is otherwise the application's.
     EXPECT_EQ(0, ring.Head()->reserved[8]);
@@ -252,75 +234,45 @@ TEST(KelRingHandshake, ReaderAnnouncesItsSleepAndEveryRestartClearsTheWords) {
 // Each direction between a bare end in a child process and one of ours in this one.
 TEST(KelRingHandshake, EndsThatIgnoreTheWordsStreamWithOursBothWays) {
     const int64_t total = 40LL * (kBlock - kHead);
-    {
+    for (bool bareWrites : {true, false}) {
         SharedRing ring;
-        kt::Child writer([&] {
-            KelSystemSemaphore sem;
-            return ring.Peer(sem, nullptr) ? BareWrite(ring.Head(), sem, total) : 3;
-        });
         KelCycleBuffer reader;
-        ASSERT_EQ(IPC_OK, reader.AttachIpc(ring.block, kBlock, Client, Block, &ring.sem));
-        auto read = std::async(std::launch::async, [&] { return BurstyRead(reader, total, 1, 2, nullptr); });
-        const int code = writer.Wait(30000);
-        if (!kt::Ready(read, 10000)) reader.Stop();
-        EXPECT_EQ(0, code);
-        EXPECT_EQ(-1, read.get()) << "bare writer to our reader";
-    }
-    {
-        SharedRing ring;
-        kt::Child reader([&] {
-            KelSystemSemaphore sem;
-            return ring.Peer(sem, nullptr) ? BareRead(ring.Head(), sem, total) : 3;
-        });
-        auto written =
-            std::async(std::launch::async, [&] { return BurstyWrite(ring.server, total, 3, 4, nullptr); });
-        const int code = reader.Wait(30000);
-        if (!kt::Ready(written, 10000)) ring.server.Stop();
-        EXPECT_EQ(0, code) << "our writer to a bare reader";
-        EXPECT_TRUE(written.get());
+        if (bareWrites) {
+            ASSERT_EQ(IPC_OK, reader.AttachIpc(ring.block, kBlock, Client, Block, &ring.sem));
+        }
+        KelCycleBuffer& ours = bareWrites ? reader : ring.server;
+        EXPECT_TRUE(BothEndsSucceed(
+            ring.server, true,
+            [&] {
+                KelSystemSemaphore sem;
+                return ring.Peer(sem, nullptr) && BareEnd(ring.Head(), sem, total, bareWrites);
+            },
+            [&] { return BurstyEnd(ours, !bareWrites, total, 1, 2, nullptr); }))
+            << (bareWrites ? "a bare writer to our reader" : "our writer to a bare reader");
     }
 }
 
-TEST(KelRingHandshake, BurstsWithRandomPausesLoseNoWakeUpBetweenThreads) {
-    for (uint32_t seed : {11u, 12u, 13u}) {
-        std::vector<char> block(kBlock, 0);
-        KelSemaphore sem;
-        KelCycleBuffer writer;
+// The same stream between threads on the in-process semaphore and between processes on a System V one.
+TEST(KelRingHandshake, BurstsWithRandomPausesLoseNoWakeUpBetweenThreadsOrProcesses) {
+    for (uint32_t seed : {11u, 12u, 13u, 21u}) {
+        const bool fork = seed > 20;
+        SharedRing ring;
+        KelSemaphore local;
         KelCycleBuffer reader;
-        ASSERT_EQ(IPC_OK, writer.AttachLocal(block.data(), kBlock, Server, Block, &sem));
-        ASSERT_EQ(IPC_OK, reader.AttachLocal(block.data(), kBlock, Client, Block, &sem));
-        std::atomic<int64_t> consumed{0};
-        auto read = std::async(std::launch::async,
-                               [&] { return BurstyRead(reader, kBurstTotal, seed, seed * 13, &consumed); });
-        auto written = std::async(
-            std::launch::async, [&] { return BurstyWrite(writer, kBurstTotal, seed, seed * 7, &consumed); });
-        const bool finished = kt::Ready(read, 60000) && kt::Ready(written, 10000);
-        if (!finished) writer.Stop();  // a lost wake-up hangs one side: release both, then fail
-        ASSERT_TRUE(finished) << "seed " << seed;
-        EXPECT_TRUE(written.get());
-        EXPECT_EQ(-1, read.get()) << "seed " << seed;
+        if (!fork) {
+            ASSERT_EQ(IPC_OK, ring.server.AttachLocal(ring.block, kBlock, Server, Block, &local));
+            ASSERT_EQ(IPC_OK, reader.AttachLocal(ring.block, kBlock, Client, Block, &local));
+        }
+        ASSERT_TRUE(BothEndsSucceed(
+            ring.server, fork,
+            [&] {
+                KelSystemSemaphore sem;
+                if (fork && !ring.Peer(sem, &reader)) return false;
+                return BurstyEnd(reader, false, kBurstTotal, seed, seed * 13, ring.consumed);
+            },
+            [&] { return BurstyEnd(ring.server, true, kBurstTotal, seed, seed * 7, ring.consumed); }))
+            << "seed " << seed;
     }
-}
-
-TEST(KelRingHandshake, BurstsWithRandomPausesLoseNoWakeUpBetweenProcesses) {
-    SharedRing ring;
-    void* counter = mmap(nullptr, sizeof(std::atomic<int64_t>), PROT_READ | PROT_WRITE,
-                         MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(MAP_FAILED, counter);
-    auto* consumed = new (counter) std::atomic<int64_t>(0);
-    kt::Child child([&] {
-        KelSystemSemaphore sem;
-        KelCycleBuffer reader;
-        if (!ring.Peer(sem, &reader)) return 3;
-        return BurstyRead(reader, kBurstTotal, 21, 22, consumed) == -1 ? 0 : 1;
-    });
-    auto written = std::async(std::launch::async,
-                              [&] { return BurstyWrite(ring.server, kBurstTotal, 21, 23, consumed); });
-    const int code = child.Wait(60000);
-    if (!kt::Ready(written, 10000)) ring.server.Stop();
-    EXPECT_EQ(0, code);
-    EXPECT_TRUE(written.get());
-    munmap(counter, sizeof(std::atomic<int64_t>));
 }
 
 // Every interleaving of one reader and one writer, stepped one shared access at a time under sequential

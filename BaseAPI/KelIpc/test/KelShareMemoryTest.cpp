@@ -2,6 +2,7 @@
 // that two processes share the bytes. Segment state is read from /dev/shm, not through the class.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -28,12 +29,6 @@ ShmStat StatOf(const std::string& name) {
     return {static_cast<long long>(st.st_size), static_cast<unsigned>(st.st_mode & 0777)};
 }
 
-bool Filled(const char* data, int length, char value) {
-    for (int i = 0; i < length; ++i)
-        if (data[i] != value) return false;
-    return true;
-}
-
 using Expected = std::vector<std::string>;
 
 class KelShareMemoryTest : public ::testing::Test {
@@ -51,11 +46,6 @@ protected:
 
 TEST_F(KelShareMemoryTest, ArgumentAndStateErrorsReturnCodesWithoutLogging) {
     kt::LogCapture log;
-    for (int p = 0; p < 4; ++p)
-        for (int t = 0; t < 2; ++t)
-            EXPECT_EQ(CreateSecurityDescriptor(PermissionFlags(p), SecurityFdType(t)), nullptr);
-    DestroySecurityDescriptor(nullptr);
-
     KelShareMemory shm;
     EXPECT_EQ(shm.Close(), IPC_ERR_NOT_OPENED);
     shm.Reset();
@@ -64,10 +54,12 @@ TEST_F(KelShareMemoryTest, ArgumentAndStateErrorsReturnCodesWithoutLogging) {
     EXPECT_EQ(shm.Data(), nullptr);
     EXPECT_FALSE(kt::ShmExists(m_name));
 
+    umask(077);  // an open with reset sets its mode exactly, whatever the mask
     ASSERT_EQ(shm.Open(m_name.c_str(), 4096, Server,
                        CreateSecurityDescriptor(PermissionAll, SecurityFdShareMemory)),
               IPC_OK);
     EXPECT_EQ(StatOf(m_name).mode, 0660u);
+    EXPECT_EQ(umask(077), 077u) << "the open changed the process mask";
     char* const data = shm.Data();
     const std::string other = kt::UniqueName("seg") + "_shm";
     // Refused, yet reset false is recorded: from now on this server leaves its segment on Close.
@@ -81,67 +73,57 @@ TEST_F(KelShareMemoryTest, ArgumentAndStateErrorsReturnCodesWithoutLogging) {
     EXPECT_TRUE(log.Records().empty());
 }
 
-TEST_F(KelShareMemoryTest, ServerWithResetReplacesExistingSegmentWhileOldMappingsKeepOldBytes) {
-    KelShareMemory first, reader, second;
+// Old mappings keep the bytes of a replaced or removed segment; only new opens see the name's state.
+TEST_F(KelShareMemoryTest, ServerWithResetReplacesTheSegmentAndServerCloseRemovesTheNameWhileMappingsStay) {
+    KelShareMemory first, client, second, late;
     ASSERT_EQ(first.Open(m_name.c_str(), 4096, Server, nullptr), IPC_OK);
     memset(first.Data(), 'a', 4096);
-    ASSERT_EQ(reader.Open(m_name.c_str(), 4096, Client, nullptr), IPC_OK);
-
+    ASSERT_EQ(client.Open(m_name.c_str(), 4096, Client, nullptr), IPC_OK);
     ASSERT_EQ(second.Open(m_name.c_str(), 8192, Server, nullptr), IPC_OK);
     EXPECT_EQ(StatOf(m_name).size, 8192);
-    EXPECT_TRUE(Filled(second.Data(), 8192, 0));
+    EXPECT_EQ(std::count(second.Data(), second.Data() + 8192, 0), 8192);
     second.Data()[0] = 'b';
-    EXPECT_TRUE(Filled(reader.Data(), 4096, 'a'));
+    EXPECT_EQ(std::count(client.Data(), client.Data() + 4096, 'a'), 4096);
 
     kt::LogCapture log;
     EXPECT_EQ(second.Close(), IPC_OK);
     EXPECT_FALSE(kt::ShmExists(m_name));
-    // The first server's name is already gone; its failed unlink is logged but Close still succeeds.
-    EXPECT_EQ(first.Close(), IPC_OK);
-    EXPECT_EQ(log.Lines(kSource), Expected{"CleanResource|shm_unlink fail, rc=-1, errno=" + kEnoent});
-}
-
-TEST_F(KelShareMemoryTest, ServerCloseRemovesNameWhileAttachedClientKeepsWorking) {
-    KelShareMemory server, client, late;
-    ASSERT_EQ(server.Open(m_name.c_str(), 4096, Server, nullptr), IPC_OK);
-    ASSERT_EQ(client.Open(m_name.c_str(), 4096, Client, nullptr), IPC_OK);
-    server.Data()[0] = 'x';
-    EXPECT_EQ(server.Close(), IPC_OK);
-    EXPECT_FALSE(kt::ShmExists(m_name));
-    EXPECT_EQ(client.Data()[0], 'x');
-    client.Data()[4095] = 'y';
-
-    kt::LogCapture log;
     EXPECT_EQ(late.Open(m_name.c_str(), 4096, Client, nullptr), IPC_ERR_FAILED);
-    EXPECT_EQ(log.Lines(kSource), Expected{"ShmClientOpen|shm_open fail, m_fileMap=-1, errno=" + kEnoent});
     EXPECT_FALSE(kt::ShmExists(m_name));  // a client never creates
     EXPECT_EQ(late.Data(), nullptr);
     EXPECT_EQ(late.Close(), IPC_ERR_NOT_OPENED);
+    // The first server's name is already gone; its failed unlink is logged but Close still succeeds.
+    EXPECT_EQ(first.Close(), IPC_OK);
+    EXPECT_EQ(client.Data()[4095], 'a');
+    client.Data()[4095] = 'y';
     EXPECT_EQ(client.Close(), IPC_OK);
+    EXPECT_EQ(log.Lines(kSource), (Expected{"ShmClientOpen|shm_open fail, m_fileMap=-1, errno=" + kEnoent,
+                                            "CleanResource|shm_unlink fail, rc=-1, errno=" + kEnoent}));
 }
 
-TEST_F(KelShareMemoryTest, ServerWithoutResetKeepsSegmentBytesAndSizeAcrossClose) {
+TEST_F(KelShareMemoryTest, ServerWithoutResetKeepsSegmentBytesAndSizeAcrossCloseAndHonoursTheMask) {
     {
         KelShareMemory shm;
         ASSERT_EQ(shm.Open(m_name.c_str(), 4096, Server, nullptr, false), IPC_OK);
         EXPECT_EQ(StatOf(m_name).size, 4096);
-        EXPECT_TRUE(Filled(shm.Data(), 4096, 0));
+        EXPECT_EQ(StatOf(m_name).mode, 0640u);  // 0660 less the mask 022
+        EXPECT_EQ(std::count(shm.Data(), shm.Data() + 4096, 0), 4096);
         memset(shm.Data(), 'k', 4096);
         EXPECT_EQ(shm.Close(), IPC_OK);
     }
     ASSERT_TRUE(kt::ShmExists(m_name));
     KelShareMemory again;
     ASSERT_EQ(again.Open(m_name.c_str(), 2048, Server, nullptr, false), IPC_OK);
-    EXPECT_TRUE(Filled(again.Data(), 2048, 'k'));
+    EXPECT_EQ(std::count(again.Data(), again.Data() + 2048, 'k'), 2048);
     EXPECT_EQ(StatOf(m_name).size, 4096);  // taken as found: neither truncated nor resized
     again.Reset();
-    EXPECT_TRUE(Filled(again.Data(), 2048, 0));
+    EXPECT_EQ(std::count(again.Data(), again.Data() + 2048, 0), 2048);
     EXPECT_EQ(again.Close(), IPC_OK);
     EXPECT_TRUE(kt::ShmExists(m_name));
 }
 
-TEST_F(KelShareMemoryTest, ClientNeedsExactSizeAndLeavesSegmentAlone) {
-    KelShareMemory server, client;
+TEST_F(KelShareMemoryTest, SizesThatDoNotFitFailLoggingWhereAndAClientLeavesTheSegmentAlone) {
+    KelShareMemory server, client, shm;
     ASSERT_EQ(server.Open(m_name.c_str(), 4096, Server, nullptr), IPC_OK);
     kt::LogCapture log;
     // A pure size mismatch logs whatever errno holds; clear it so the line is predictable.
@@ -149,17 +131,11 @@ TEST_F(KelShareMemoryTest, ClientNeedsExactSizeAndLeavesSegmentAlone) {
     EXPECT_EQ(client.Open(m_name.c_str(), 8192, Client, nullptr), IPC_ERR_FAILED);
     errno = 0;
     EXPECT_EQ(client.Open(m_name.c_str(), -1, Client, nullptr), IPC_ERR_FAILED);
-    EXPECT_EQ(log.Lines(kSource),
-              (Expected{"ShmClientOpen|fstat fail, rc=0, errno=0, st.st_size=4096, shmLength=8192",
-                        "ShmClientOpen|fstat fail, rc=0, errno=0, st.st_size=4096, shmLength=-1"}));
     EXPECT_EQ(client.Data(), nullptr);
     EXPECT_EQ(StatOf(m_name).size, 4096);
     ASSERT_EQ(client.Open(m_name.c_str(), 4096, Client, nullptr), IPC_OK);
-}
 
-TEST_F(KelShareMemoryTest, ServerLengthZeroFailsAtMmapAndNegativeAtFtruncate) {
-    KelShareMemory shm;
-    kt::LogCapture log;
+    // A server of length 0 fails at the mapping, a negative one at the size.
     EXPECT_EQ(shm.Open(m_name.c_str(), 0, Server, nullptr), IPC_ERR_FAILED);
     EXPECT_EQ(shm.Data(), nullptr);
     EXPECT_EQ(StatOf(m_name).size, 0);  // created before the mapping failed; the next reset open replaces it
@@ -167,24 +143,14 @@ TEST_F(KelShareMemoryTest, ServerLengthZeroFailsAtMmapAndNegativeAtFtruncate) {
     kt::RemoveShm(m_name);
     EXPECT_EQ(shm.Open(m_name.c_str(), -1, Server, nullptr, false), IPC_ERR_FAILED);
     EXPECT_EQ(shm.Close(), IPC_ERR_NOT_OPENED);
-    EXPECT_EQ(log.Lines(kSource), (Expected{"ShmServerOpen|mmap fail, errno=" + kEinval,
-                                            "ShmResetOpen|ftruncate fail, rc=-1, errno=" + kEinval,
-                                            "ShmServerOpen|shm_open failed",
-                                            "ShmNoResetOpen|ftruncate fail, rc=-1, errno=" + kEinval,
-                                            "ShmServerOpen|shm_open failed"}));
-}
-
-TEST_F(KelShareMemoryTest, ResetOpenSetsExactlyTheModeAskedForWithoutTouchingTheUmask) {
-    const std::string plain = kt::UniqueName("seg") + "_shm";
-    KelShareMemory withReset, withoutReset;
-    umask(077);
-    const KelSecurity security{0640};
-    ASSERT_EQ(withReset.Open(m_name.c_str(), 4096, Server, &security), IPC_OK);
-    EXPECT_EQ(umask(077), 077u);
-    EXPECT_EQ(StatOf(m_name).mode, 0640u);
-    ASSERT_EQ(withoutReset.Open(plain.c_str(), 4096, Server, nullptr, false), IPC_OK);
-    EXPECT_EQ(StatOf(plain).mode, 0600u);  // 0660 less the mask
-    kt::RemoveShm(plain);
+    EXPECT_EQ(
+        log.Lines(kSource),
+        (Expected{"ShmClientOpen|fstat fail, rc=0, errno=0, st.st_size=4096, shmLength=8192",
+                  "ShmClientOpen|fstat fail, rc=0, errno=0, st.st_size=4096, shmLength=-1",
+                  "ShmServerOpen|mmap fail, errno=" + kEinval,
+                  "ShmResetOpen|ftruncate fail, rc=-1, errno=" + kEinval, "ShmServerOpen|shm_open failed",
+                  "ShmNoResetOpen|ftruncate fail, rc=-1, errno=" + kEinval,
+                  "ShmServerOpen|shm_open failed"}));
 }
 
 }  // namespace

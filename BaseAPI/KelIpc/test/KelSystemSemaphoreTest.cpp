@@ -25,12 +25,9 @@ int IdOf(const std::string& name) {
 int Value(const std::string& name) {
     return semctl(IdOf(name), 0, GETVAL);
 }
-// Processes and threads blocked in semop on the set: proof that an Acquire really waits.
-int Waiters(const std::string& name) {
-    return semctl(IdOf(name), 0, GETNCNT);
-}
+// Waits until n processes and threads are blocked in semop on the set: proof that an Acquire really waits.
 bool WaitForWaiters(const std::string& name, int n) {
-    return kt::WaitUntil([&] { return Waiters(name) == n; }, kWaitMs);
+    return kt::WaitUntil([&] { return semctl(IdOf(name), 0, GETNCNT) == n; }, kWaitMs);
 }
 
 using Expected = std::vector<std::string>;
@@ -129,35 +126,32 @@ TEST_F(KelSystemSemaphoreTest, ServerReopenReusesTheSetAndClearsItWhileClientClo
 TEST_F(KelSystemSemaphoreTest, ReleasesCollapseIntoOneWakeUpAndResetDropsIt) {
     KelSystemSemaphore sem;
     ASSERT_EQ(sem.Open(m_name.c_str(), Server, nullptr), IPC_OK);
-    std::future<int> first, second, third;
+    std::future<int> acquired;
     WakeWaiters wake{m_name};
-    const auto acquire = [&] { return std::async(std::launch::async, [&] { return sem.Acquire(7); }); };
-
+    const auto acquire = [&] { acquired = std::async(std::launch::async, [&] { return sem.Acquire(7); }); };
     EXPECT_EQ(sem.Release(), IPC_OK);
     EXPECT_EQ(sem.Release(), IPC_OK);
     EXPECT_EQ(Value(m_name), 1);
-    first = acquire();
-    ASSERT_TRUE(kt::Ready(first, kWaitMs));
-    EXPECT_EQ(first.get(), IPC_OK);
-    second = acquire();
-    ASSERT_TRUE(WaitForWaiters(m_name, 1));
-    EXPECT_FALSE(kt::Ready(second, 0));
-    const int released = kt::RunInChild([&] {
-        KelSystemSemaphore peer;
-        return peer.Open(m_name.c_str(), Client, nullptr) == IPC_OK && peer.Release() == IPC_OK ? 0 : 1;
-    });
-    EXPECT_EQ(released, 0);
-    ASSERT_TRUE(kt::Ready(second, kWaitMs));
-    EXPECT_EQ(second.get(), IPC_OK);
-
-    EXPECT_EQ(sem.Release(), IPC_OK);
-    EXPECT_EQ(sem.Reset(), IPC_OK);
-    third = acquire();
-    ASSERT_TRUE(WaitForWaiters(m_name, 1));
-    EXPECT_FALSE(kt::Ready(third, 0));
-    EXPECT_EQ(sem.Release(), IPC_OK);
-    ASSERT_TRUE(kt::Ready(third, kWaitMs));
-    EXPECT_EQ(third.get(), IPC_OK);
+    acquire();
+    ASSERT_TRUE(kt::Ready(acquired, kWaitMs));
+    EXPECT_EQ(acquired.get(), IPC_OK);
+    // Each further Acquire waits for a new Release: from another process, then after a Reset dropped one.
+    for (bool reset : {false, true}) {
+        if (reset) {
+            EXPECT_EQ(sem.Release(), IPC_OK);
+            EXPECT_EQ(sem.Reset(), IPC_OK);
+        }
+        acquire();
+        ASSERT_TRUE(WaitForWaiters(m_name, 1));
+        EXPECT_FALSE(kt::Ready(acquired, 0));
+        const int released = reset ? sem.Release() : kt::RunInChild([&] {
+            KelSystemSemaphore peer;
+            return peer.Open(m_name.c_str(), Client, nullptr) == IPC_OK && peer.Release() == IPC_OK ? 0 : 1;
+        });
+        EXPECT_EQ(released, IPC_OK);
+        ASSERT_TRUE(kt::Ready(acquired, kWaitMs));
+        EXPECT_EQ(acquired.get(), IPC_OK);
+    }
     EXPECT_EQ(Value(m_name), 0);
     EXPECT_EQ(sem.Close(), IPC_OK);
 }

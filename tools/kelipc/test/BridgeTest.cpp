@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,42 +15,6 @@ namespace {
 std::string Pattern(size_t size, uint64_t offset) {
     const std::vector<char> bytes = kt::Pattern(size, offset);
     return std::string(bytes.begin(), bytes.end());
-}
-
-// Feeds its input and collects its output; each end runs in its own thread, since either one stalls
-// when nobody drains its stdout.
-void Drive(ToolProcess& tool, const std::string& input, int& code) {
-    code = -2;
-    if (!input.empty() && !tool.WriteInput(input)) return;
-    tool.CloseInput();
-    code = tool.Finish(60000);
-}
-
-struct Session {
-    int serveCode = -2;
-    int connectCode = -2;
-    std::string serveOut;  // what the client sent
-    std::string connectOut;
-    std::string errors;
-};
-
-Session RunBridge(const std::string& name, const std::string& toClient, const std::string& toServer,
-                  const std::vector<std::string>& options = {}) {
-    std::vector<std::string> serveArgs{"serve", name, "--wait", "30"};
-    std::vector<std::string> connectArgs{"connect", name};
-    serveArgs.insert(serveArgs.end(), options.begin(), options.end());
-    connectArgs.insert(connectArgs.end(), options.begin(), options.end());
-    ToolProcess serve(serveArgs);
-    ToolProcess connect(connectArgs);
-    Session session;
-    std::thread serveThread(Drive, std::ref(serve), std::cref(toClient), std::ref(session.serveCode));
-    std::thread connectThread(Drive, std::ref(connect), std::cref(toServer), std::ref(session.connectCode));
-    serveThread.join();
-    connectThread.join();
-    session.serveOut = serve.Out();
-    session.connectOut = connect.Out();
-    session.errors = "serve: " + serve.Err() + "\nconnect: " + connect.Err();
-    return session;
 }
 
 // The client marks its arrival in the header of the ring it writes.
@@ -83,29 +46,44 @@ TEST(KelipcBridge, DeliversEveryByteBothWaysWhateverTheSizes) {
     for (const Case& c : cases) {
         SCOPED_TRACE(std::to_string(c.toClient) + " / " + std::to_string(c.toServer));
         const std::string name = kt::UniqueName("bridge");
+        std::vector<std::string> serveArgs{"serve", name, "--wait", "30"};
+        std::vector<std::string> connectArgs{"connect", name};
+        serveArgs.insert(serveArgs.end(), c.options.begin(), c.options.end());
+        connectArgs.insert(connectArgs.end(), c.options.begin(), c.options.end());
+        ToolProcess serve(serveArgs);
+        ToolProcess connect(connectArgs);
         const std::string toClient = Pattern(c.toClient, 0);
         const std::string toServer = Pattern(c.toServer, 1000003);  // a different stream each way
-        const Session session = RunBridge(name, toClient, toServer, c.options);
-        EXPECT_EQ(0, session.serveCode) << session.errors;
-        EXPECT_EQ(0, session.connectCode) << session.errors;
-        EXPECT_EQ(toServer.size(), session.serveOut.size());
-        EXPECT_TRUE(toServer == session.serveOut);
-        EXPECT_EQ(toClient.size(), session.connectOut.size());
-        EXPECT_TRUE(toClient == session.connectOut);
+        // Each end is fed from a thread of its own: an end may take its input only as the other drains.
+        const auto drive = [](ToolProcess* tool, const std::string* input, int* code) {
+            *code = -2;
+            if (!input->empty() && !tool->WriteInput(*input)) return;
+            tool->CloseInput();
+            *code = tool->Finish(60000);
+        };
+        int serveCode = -2;
+        int connectCode = -2;
+        std::thread serving(drive, &serve, &toClient, &serveCode);
+        drive(&connect, &toServer, &connectCode);
+        serving.join();
+        const std::string errors = "serve: " + serve.Err() + "\nconnect: " + connect.Err();
+        EXPECT_EQ(0, serveCode) << errors;
+        EXPECT_EQ(0, connectCode) << errors;
+        EXPECT_EQ(toServer.size(), serve.Out().size());
+        EXPECT_TRUE(toServer == serve.Out());
+        EXPECT_EQ(toClient.size(), connect.Out().size());
+        EXPECT_TRUE(toClient == connect.Out());
         EXPECT_EQ(0, kt::ChannelObjects(name));
     }
 }
 
-TEST(KelipcBridge, ConnectWithoutServerFailsOnceItsWaitRunsOut) {
+// An end without a peer: a connect gives up when its wait runs out, an interrupted serve stops waiting.
+TEST(KelipcBridge, AnEndWithoutAPeerFailsOrIsInterruptedAndLeavesNothing) {
     const std::string name = kt::UniqueName("bridge_none");
     std::string err;
     EXPECT_EQ(1, RunTool({"connect", name, "--wait", "0.3"}, "", nullptr, &err, 20000)) << err;
     EXPECT_NE(std::string::npos, err.find("no server")) << err;
     EXPECT_EQ(0, kt::ChannelObjects(name));
-}
-
-TEST(KelipcBridge, InterruptedWaitingServeRemovesItsObjects) {
-    const std::string name = kt::UniqueName("bridge_int");
     ToolProcess serve({"serve", name});
     ASSERT_TRUE(kt::WaitUntil([&] { return kt::ShmExists(name + "_XR_shm"); }, 10000));
     serve.Signal(SIGINT);

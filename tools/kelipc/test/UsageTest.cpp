@@ -4,21 +4,17 @@
 #include <string>
 #include <vector>
 
+#include "KelIpcVersion.h"
 #include "TestSupport.h"
 #include "ToolProcess.h"
-
-namespace {
-
-struct Rejected {
-    std::vector<std::string> args;
-    std::string names;  // what the one line must name: the option and what it accepts
-};
-
-}  // namespace
 
 // Every bad input is refused before any work starts: exit 2, one line on stderr in one style, saying what
 // would have been accepted, and nothing on stdout (no half-run report, no library log lines).
 TEST(KelipcUsage, BadArgumentsAreRefusedUpFrontInOneLineThatSaysWhatIsAccepted) {
+    struct Rejected {
+        std::vector<std::string> args;
+        std::string names;  // what the one line must name: the option and what it accepts
+    };
     const std::string missing = "/nonexistent_" + std::to_string(getpid()) + "/x.json";
     const Rejected cases[] = {
         {{"demo", "--block", "1000"}, "--block: '1000' is not a size from 32K to 1G"},
@@ -77,4 +73,19 @@ TEST(KelipcUsage, EveryCommandHasHelpWithItsOptionsAndTheExitCodes) {
         EXPECT_NE(std::string::npos, out.find(command[1])) << out;
         EXPECT_NE(std::string::npos, out.find("128+N stopped by signal N")) << out;
     }
+}
+
+// In one build the program and the library it loads are both the version the header's parts name.
+TEST(KelipcVersion, BothSpellingsPrintProgramAndLibraryVersions) {
+    const std::string version = std::to_string(KELIPC_VERSION_MAJOR) + "." +
+                                std::to_string(KELIPC_VERSION_MINOR) + "." +
+                                std::to_string(KELIPC_VERSION_PATCH);
+    EXPECT_EQ(version, KELIPC_VERSION_STRING);
+    for (const char* spelling : {"--version", "version"}) {
+        std::string out;
+        std::string err;
+        EXPECT_EQ(0, RunTool({spelling}, "", &out, &err)) << err;
+        EXPECT_EQ("kelipc " + version + "\nlibKelIpc " + version + "\n", out) << spelling;
+    }
+    EXPECT_EQ(2, RunTool({"version", "extra"}, ""));
 }
