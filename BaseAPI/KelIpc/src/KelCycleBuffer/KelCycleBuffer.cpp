@@ -307,17 +307,11 @@ void KelCycleBufferPrivate::Futex(int32_t* word, int op, int32_t value, const ti
 }
 
 int KelCycleBufferPrivate::DataNow() const {
-    if (!IsRunning()) return 0;
-    const int32_t len = LoadRelaxed(m_head->dataLen);
-    if (len < 1) return 0;
-    return ClampToInt(Used(len, LoadAcquire(m_head->writePos), LoadAcquire(m_head->readPos)));
+    return IsRunning() ? ClampToInt(Stored()) : 0;
 }
 
 int KelCycleBufferPrivate::SpaceNow() const {
-    if (!IsRunning()) return 0;
-    const int32_t len = LoadRelaxed(m_head->dataLen);
-    if (len < 1) return 0;
-    return ClampToInt(Free(len, LoadAcquire(m_head->writePos), LoadAcquire(m_head->readPos)));
+    return IsRunning() ? ClampToInt(Room()) : 0;
 }
 
 // A fresh look after a sleep; otherwise an answer younger than kLivenessTrustNs stands.

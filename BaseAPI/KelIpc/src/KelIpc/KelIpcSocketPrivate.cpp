@@ -39,10 +39,7 @@ int KelIpcSocketPrivate::SetOption(KelIpcOptionName name, void* value) {
             if (value == nullptr) return IPC_ERR_NULL;
             const int ms = *static_cast<const int*>(value);
             if (ms < 0) return IPC_ERR_PARAM;
-            // The server reads L and writes R; the side is known only at Open, so both rings keep both.
-            for (KelRingWatch* watch : {&m_lWatch, &m_rWatch}) {
-                (name == ReadTimeout ? watch->readTimeoutMs : watch->writeTimeoutMs) = ms;
-            }
+            (name == ReadTimeout ? m_watch.readTimeoutMs : m_watch.writeTimeoutMs) = ms;
             break;
         }
     }
@@ -60,10 +57,10 @@ int KelIpcSocketPrivate::OpenIpc(KelSide side, const char* name, const KelSecuri
     m_ipcL.reset(new KelIpcSockImpl);
     m_ipcR.reset(new KelIpcSockImpl);
     int rc = m_ipcL->Open(side, (base + "_XL").c_str(), m_lSize,
-                          static_cast<KelSystemSemaphore*>(m_lSemaphore), security, m_lMode, m_lWatch);
+                          static_cast<KelSystemSemaphore*>(m_lSemaphore), security, m_lMode, m_watch);
     if (rc == IPC_OK) {
         rc = m_ipcR->Open(side, (base + "_XR").c_str(), m_rSize,
-                          static_cast<KelSystemSemaphore*>(m_rSemaphore), security, m_rMode, m_rWatch);
+                          static_cast<KelSystemSemaphore*>(m_rSemaphore), security, m_rMode, m_watch);
     }
     if (rc != IPC_OK) CleanResource(false);
     return rc;
@@ -75,10 +72,10 @@ int KelIpcSocketPrivate::OpenLocal(KelSide side, const char* name) {
     m_localR.reset(new KelLocalSockImpl);
     const std::string base(name);
     int rc = m_localL->Open(side, (base + "_OL").c_str(), m_lSize, static_cast<KelSemaphore*>(m_lSemaphore),
-                            m_lMode, m_lWatch);
+                            m_lMode, m_watch);
     if (rc == IPC_OK) {
         rc = m_localR->Open(side, (base + "_OR").c_str(), m_rSize, static_cast<KelSemaphore*>(m_rSemaphore),
-                            m_rMode, m_rWatch);
+                            m_rMode, m_watch);
     }
     if (rc != IPC_OK) CleanResource(false);
     return rc;

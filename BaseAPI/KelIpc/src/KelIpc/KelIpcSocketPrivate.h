@@ -36,8 +36,7 @@ public:
     void* m_rSemaphore = nullptr;
     KelMode m_lMode = Block;
     KelMode m_rMode = Block;
-    KelRingWatch m_lWatch;  // timeouts of the channel of each direction
-    KelRingWatch m_rWatch;
+    KelRingWatch m_watch;  // the timeouts; each ring uses the one of the way this end moves its bytes
     std::unique_ptr<KelIpcSockImpl> m_ipcL;
     std::unique_ptr<KelIpcSockImpl> m_ipcR;
     std::unique_ptr<KelLocalSockImpl> m_localL;
