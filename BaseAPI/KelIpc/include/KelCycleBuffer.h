@@ -102,8 +102,10 @@ public:
     int GetIpcStatus(KelIpcStatus& status);
 
 private:
-    friend void KelCycleBufferWatch(KelCycleBuffer& ring,
-                                    const KelRingWatch& watch);  // the library's channels
+    // The library's channels.
+    friend void KelCycleBufferWatch(KelCycleBuffer& ring, const KelRingWatch& watch);
+    friend void KelCycleBufferDetach(KelCycleBuffer& ring);
+    friend bool KelCycleBufferBusy(KelCycleBuffer& ring);
     KelCycleBufferPrivate* m_private;
 };
 

@@ -272,14 +272,16 @@ TEST(KelIpcSocketOptions, ClientLNonBlockWritesAllOrNothingWhileTheServersReadSt
         ASSERT_EQ(IPC_OK, client.SetOption(LNonBlock, nullptr));
         ASSERT_EQ(IPC_OK, client.Open(type, Client, name.c_str(), nullptr));
         const std::vector<char> bytes = kt::Pattern(kRoom + 1);
-        // One byte more than fits; a Write that ignored the option would wait here for ever.
+        // A Write that ignored the option would wait here for ever; one byte more than the ring can ever
+        // hold is refused at once instead of returning 0 for ever.
         auto oversized =
             std::async(std::launch::async, [&] { return client.Write(bytes.data(), kRoom + 1); });
         EXPECT_TRUE(Finish(server, oversized));
-        EXPECT_EQ(0, oversized.get());
+        EXPECT_EQ(IPC_ERR_PARAM, oversized.get());
         EXPECT_EQ(0, server.DataSize());
         EXPECT_EQ(kRoom, client.SpaceSize());
         EXPECT_EQ(10, client.Write(bytes.data(), 10));
+        EXPECT_EQ(0, client.Write(bytes.data(), kRoom));  // fits the ring, not now: nothing passes
 
         std::vector<char> got(20);
         auto read = std::async(std::launch::async, [&] { return server.Read(got.data(), 20); });
@@ -320,14 +322,20 @@ TEST(KelIpcSocketOptions, SuppliedSemaphoreIsSignalledAndNoneOfTheChannelNameIsM
                   client.SetOption(LSemaphore, type == Process ? static_cast<void*>(&clientSem) : serverOwn));
         ASSERT_EQ(IPC_OK, client.Open(type, Client, name.c_str(), nullptr));
         ASSERT_EQ(IPC_OK, serverSem.Reset());
-        EXPECT_EQ(4, client.Write("ping", 4));  // signals after the piece
-        if (type == Process) {
-            EXPECT_TRUE(Signalled([&] { serverSem.Acquire(); }, [&] { serverSem.Release(); }));
-        } else {
-            EXPECT_TRUE(Signalled([&] { localSem.Acquire(); }, [&] { localSem.Release(); }));
-        }
         char got[4] = {};
-        EXPECT_EQ(4, ReadArrived(server, got, 4));
+        if (type == Process) {
+            EXPECT_EQ(4, client.Write("ping", 4));  // signals after the piece
+            EXPECT_TRUE(Signalled([&] { serverSem.Acquire(); }, [&] { serverSem.Release(); }));
+            EXPECT_EQ(4, ReadArrived(server, got, 4));
+        } else {
+            // In-process writers signal only a reader that may be asleep: one waits on the supplied
+            // semaphore, which nothing but the client's write can release.
+            auto read = std::async(std::launch::async, [&] { return server.Read(got, 4); });
+            EXPECT_FALSE(kt::Ready(read, 50));
+            EXPECT_EQ(4, client.Write("ping", 4));
+            EXPECT_TRUE(Finish(server, read));
+            EXPECT_EQ(4, read.get());
+        }
         EXPECT_EQ(std::string("ping"), std::string(got, 4));
     }
     EXPECT_TRUE(serverSem.Opened());  // not the sockets' to close

@@ -249,6 +249,8 @@ public:
     bool m_prefetch = false;   // writes ask for the ring's lines ahead of the copy
     std::atomic<bool> m_writing{false};
     std::atomic<bool> m_reading{false};
+    std::atomic<bool> m_detached{false};   // the channel is closing: every call of this end leaves
+    std::atomic<int32_t> m_seenWrite{-1};  // writePos at this end's last look as a reader; -1: none
     KelRingWatch m_watch;
     std::atomic<int64_t> m_nextLook{0};  // coarse clock time after which a liveness answer is stale
     std::atomic<bool> m_peerGone{false};
@@ -258,6 +260,8 @@ public:
     std::mutex m_writeMutex;
 
     bool IsRunning() const { return m_head != nullptr && LoadAcquire(m_head->running) != 0; }
+    // Running for a transfer of this object: a closing channel ends its calls whatever the peer does.
+    bool Live() const { return !m_detached.load(std::memory_order_relaxed) && IsRunning(); }
     // Attached to a block that a server has initialised; the run flag does not matter.
     bool Initialised() const { return m_head != nullptr && LoadRelaxed(m_head->dataLen) >= 1; }
     bool HasSemaphore() const { return m_localSem != nullptr || m_systemSem != nullptr; }
@@ -285,6 +289,13 @@ public:
     int SleepForData(int piece, int left, int timeoutMs);
     int WriteOnce(const char* data, int count);
     int ReadOnce(char* buffer, int count);
+    bool NeverFits(int count) const;
+    int WriteNow(const char* data, int count);
+    int ReadNow(char* buffer, int count);
+    bool Refused(int count, int& result) const;
+    int WriteBlocking(KelCycleBuffer& ring, const char* data, int count);
+    int ReadPieces(char* buffer, int count);
+    int ReadBlocking(char* buffer, int count);
     int32_t Batch(int piece, int left) const;
     void WakeWriter(bool anyRoom);
     void SleepForRoom(int piece, int left);
@@ -333,6 +344,8 @@ constexpr uint32_t kWriteCadence = 16;
 
 bool KelCycleBufferPrivate::ReaderGoneNow() {
     if (m_watch.peerGone == nullptr) return false;
+    // Once a death is known, every call reports it, not only those at the cadence.
+    if (m_peerGone.load(std::memory_order_relaxed)) return PeerGone(false);
     // One writer per ring: a load and a store, not a locked increment.
     const uint32_t calls = m_writes.load(std::memory_order_relaxed) + 1;
     m_writes.store(calls, std::memory_order_relaxed);
@@ -367,6 +380,9 @@ int KelCycleBufferPrivate::WakeReader(KelCycleBuffer& ring) {
     int32_t* const word = ReaderWord();
     int32_t state = __atomic_load_n(word, __ATOMIC_ACQUIRE);
     if (state == kReaderAwake) return IPC_OK;
+    // Every reader of an in-process ring is ours and announces itself before it sleeps, and a local
+    // semaphore counts: a release nobody waits for would cost a later reader a spurious wake-up.
+    if (state == 0 && m_systemSem == nullptr) return IPC_OK;
     if (state > 0) {
         if (Stored() < state) return IPC_OK;  // a later piece wakes it
         // Claim the wake-up so that the following pieces do not signal again; a reader that changed its
@@ -434,6 +450,7 @@ int KelCycleBuffer::Attach(char* block, int length, KelSide side, KelMode mode) 
     KelCycleBufferPrivate& p = *m_private;
     std::lock_guard<std::mutex> lock(p.m_attachMutex);
     if (block == nullptr || length < kMinBlockLength) return IPC_ERR_PARAM;
+    p.m_detached.store(false, std::memory_order_relaxed);
     // An unknown side would leave a half-attached object behind; refuse it like a short block.
     if (side != Server && side != Client) return IPC_ERR_PARAM;
     p.m_side = side;
@@ -473,7 +490,7 @@ int KelCycleBuffer::AttachLocal(char* block, int length, KelSide side, KelMode m
 int KelCycleBufferPrivate::WriteOnce(const char* data, int count) {
     KelCycleBufferPrivate& p = *this;
     KelCBHead* head = p.m_head;
-    if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
+    if (!p.Live()) return IPC_ERR_NOT_OPENED;
     const int32_t len = LoadRelaxed(head->dataLen);
     const int32_t w = LoadRelaxed(head->writePos);  // our own word
     const int32_t r = LoadAcquire(head->readPos);
@@ -494,10 +511,11 @@ int KelCycleBufferPrivate::WriteOnce(const char* data, int count) {
 int KelCycleBufferPrivate::ReadOnce(char* buffer, int count) {
     KelCycleBufferPrivate& p = *this;
     KelCBHead* head = p.m_head;
-    if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
+    if (!p.Live()) return IPC_ERR_NOT_OPENED;
     const int32_t len = LoadRelaxed(head->dataLen);
     const int32_t r = LoadRelaxed(head->readPos);  // our own word
     const int32_t w = LoadAcquire(head->writePos);
+    p.m_seenWrite.store(w, std::memory_order_relaxed);
     if (len < 1 || Used(len, w, r) < count) return 0;
     if (count < 0) return IPC_ERR_FAILED;
     if (!InBlock(len, p.m_areaLength, w) || !InBlock(len, p.m_areaLength, r)) return IPC_ERR_FAILED;
@@ -514,23 +532,85 @@ int KelCycleBufferPrivate::ReadOnce(char* buffer, int count) {
     return count;
 }
 
+// An all-or-nothing transfer of more than the ring can ever hold would return 0 for ever.
+bool KelCycleBufferPrivate::NeverFits(int count) const {
+    const int32_t len = LoadRelaxed(m_head->dataLen);
+    return len >= 1 && count > len - 1;
+}
+
+int KelCycleBufferPrivate::WriteNow(const char* data, int count) {
+    if (!Live()) return IPC_ERR_NOT_OPENED;
+    if (NeverFits(count)) return IPC_ERR_PARAM;
+    // Bytes for a reader that died would never be read.
+    if (ReaderGoneNow()) return IPC_ERR_PEER_GONE;
+    const int rc = WriteOnce(data, count);
+    // A full ring is where a dead reader leaves its writer: ask now rather than at the cadence.
+    return rc == 0 && PeerGone(false) ? IPC_ERR_PEER_GONE : rc;
+}
+
+int KelCycleBufferPrivate::ReadNow(char* buffer, int count) {
+    if (!Live()) return IPC_ERR_NOT_OPENED;
+    if (NeverFits(count)) return IPC_ERR_PARAM;
+    const int rc = ReadOnce(buffer, count);
+    if (rc != 0 || !PeerGone(false)) return rc;
+    // A dead writer adds nothing more: what it left comes now as a short count, the code after it.
+    const int stored = DataNow();
+    return stored > 0 ? ReadOnce(buffer, std::min(stored, count)) : IPC_ERR_PEER_GONE;
+}
+
+namespace {
+
+// One transfer of a direction at a time on one ring object, whichever form it takes, and its in-call
+// flag set while it is inside so that Stop can wait for it. A blocking call waits for its turn; a
+// non-blocking one never waits behind a parked call and reports, as 0, that nothing could move.
+class Turn {
+public:
+    Turn(std::mutex& mutex, std::atomic<bool>& inside, bool wait) : m_mutex(mutex), m_inside(inside) {
+        if (wait) {
+            m_mutex.lock();
+            m_held = true;
+        } else {
+            m_held = m_mutex.try_lock();
+        }
+        if (m_held) m_inside.store(true, std::memory_order_relaxed);
+    }
+    ~Turn() {
+        if (!m_held) return;
+        // Release: Stop, seeing the flag clear, may let the owner tear the block down.
+        m_inside.store(false, std::memory_order_release);
+        m_mutex.unlock();
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+    bool Held() const { return m_held; }
+
+private:
+    std::mutex& m_mutex;
+    std::atomic<bool>& m_inside;
+    bool m_held = false;
+};
+
+}  // namespace
+
 int KelCycleBuffer::NonblockWrite(const char* data, int count) {
     KelCycleBufferPrivate& p = *m_private;
-    // Bytes for a reader that died would never be read.
-    if (p.IsRunning() && p.ReaderGoneNow()) return IPC_ERR_PEER_GONE;
-    return p.WriteOnce(data, count);
+    if (!p.Live()) return IPC_ERR_NOT_OPENED;
+    const Turn turn(p.m_writeMutex, p.m_writing, false);
+    return turn.Held() ? p.WriteNow(data, count) : 0;
 }
 
 int KelCycleBuffer::NonblockRead(char* buffer, int count) {
     KelCycleBufferPrivate& p = *m_private;
-    const int rc = p.ReadOnce(buffer, count);
-    return rc == 0 && p.DataNow() == 0 && p.PeerGone(false) ? IPC_ERR_PEER_GONE : rc;
+    if (!p.Live()) return IPC_ERR_NOT_OPENED;
+    const Turn turn(p.m_readMutex, p.m_reading, false);
+    return turn.Held() ? p.ReadNow(buffer, count) : 0;
 }
 
 // The side a ring object serves is not recorded, so each size reports a dead peer where that peer would
 // have made it grow: no data left from a dead writer, no room ever again for a dead reader.
 int KelCycleBuffer::DataSize() {
     KelCycleBufferPrivate& p = *m_private;
+    if (p.IsRunning()) p.m_seenWrite.store(LoadAcquire(p.m_head->writePos), std::memory_order_relaxed);
     const int stored = p.DataNow();
     return stored == 0 && p.IsRunning() && p.PeerGone(false) ? IPC_ERR_PEER_GONE : stored;
 }
@@ -548,11 +628,20 @@ KelCBHead* KelCycleBuffer::KelCBHeadPtr() {
     return m_private->m_head;
 }
 
+// A reader that waits here itself announces that it may be asleep until any byte is stored. A writer of
+// ours that passed our last look while we still counted as awake skipped its signal: the writer's
+// position, read after the announcement and its fence, tells whether bytes came since that look.
 int KelCycleBuffer::SemAcquire() {
     KelCycleBufferPrivate& p = *m_private;
-    // A reader that waits here itself takes no part in the handshake: writers signal every piece again.
-    if (p.m_head != nullptr) __atomic_store_n(p.ReaderWord(), 0, __ATOMIC_RELAXED);
-    return p.WaitOnSemaphore(0);
+    if (!p.HasSemaphore()) return IPC_ERR_NOT_OPENED;
+    if (!p.Initialised()) return p.WaitOnSemaphore(0);
+    int32_t* const word = p.ReaderWord();
+    __atomic_store_n(word, 1, __ATOMIC_RELAXED);
+    FullFence();
+    const int32_t seen = p.m_seenWrite.load(std::memory_order_relaxed);
+    const int rc = seen >= 0 && LoadAcquire(p.m_head->writePos) != seen ? IPC_OK : p.WaitOnSemaphore(0);
+    __atomic_store_n(word, kReaderAwake, __ATOMIC_RELAXED);
+    return rc;
 }
 
 int KelCycleBuffer::SemRelease() {
@@ -563,12 +652,8 @@ int KelCycleBuffer::SemRelease() {
     return IPC_OK;
 }
 
-int KelCycleBuffer::BlockWrite(const char* data, int count) {
-    KelCycleBufferPrivate& p = *m_private;
-    if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
-    if (count == 0) return 0;
-    if (count < 0) return IPC_ERR_FAILED;
-    if (p.ReaderGoneNow()) return IPC_ERR_PEER_GONE;
+int KelCycleBufferPrivate::WriteBlocking(KelCycleBuffer& ring, const char* data, int count) {
+    KelCycleBufferPrivate& p = *this;
     const Deadline deadline(p.m_watch.writeTimeoutMs);
     PublishCpu(p.WriterCpu());
     int piece = count < p.m_chunkSize ? count : p.m_chunkSize;
@@ -580,7 +665,7 @@ int KelCycleBuffer::BlockWrite(const char* data, int count) {
         if (rc == piece) {
             moved += piece;
             left -= piece;
-            const int woken = p.WakeReader(*this);
+            const int woken = p.WakeReader(ring);
             if (woken != IPC_OK) return woken;
             if (left <= 0) return moved == count ? moved : IPC_ERR_FAILED;
         } else if (rc != 0) {
@@ -588,26 +673,25 @@ int KelCycleBuffer::BlockWrite(const char* data, int count) {
         } else {
             // Too little room, or a header that gives none: the size test tells which.
             const int space = p.SpaceNow();
-            if (space < 0 || !Running()) return IPC_ERR_NOT_OPENED;
+            if (space < 0 || !p.Live() || !p.Initialised()) return IPC_ERR_NOT_OPENED;
             if (piece > space &&
                 !(PeerCanRunBeside(p.WriterCpu(), p.ReaderCpu()) &&
-                  SpinUntil([&] { return p.SpaceNow() >= piece || !p.IsRunning(); }, p.m_head->readPos))) {
+                  SpinUntil([&] { return p.SpaceNow() >= piece || !p.Live(); }, p.m_head->readPos))) {
                 p.SleepForRoom(piece, left);
                 // As after the bare protocol's pause: a reader asleep on the semaphore drains the ring.
-                const int woken = p.WakeReader(*this);
+                const int woken = p.WakeReader(ring);
                 if (woken != IPC_OK) return woken;
                 if (p.PeerGone(false)) return EarlyEnd(moved, IPC_ERR_PEER_GONE);
                 if (deadline.Passed()) return EarlyEnd(moved, IPC_ERR_TIMEOUT);
             }
         }
         piece = left < p.m_chunkSize ? left : p.m_chunkSize;
-        if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
+        if (!p.Live()) return IPC_ERR_NOT_OPENED;
     }
 }
 
-namespace {
-
-int ReadPieces(KelCycleBufferPrivate& p, char* buffer, int count) {
+int KelCycleBufferPrivate::ReadPieces(char* buffer, int count) {
+    KelCycleBufferPrivate& p = *this;
     const Deadline deadline(p.m_watch.readTimeoutMs);
     // Only an end that can learn of its peer's death wakes now and then to look.
     const int pollMs = p.m_watch.peerGone != nullptr ? kLivenessPollMs : 0;
@@ -625,7 +709,7 @@ int ReadPieces(KelCycleBufferPrivate& p, char* buffer, int count) {
             return rc;
         } else {
             const int stored = p.DataNow();
-            if (stored < 0 || !p.Initialised() || !p.IsRunning()) return IPC_ERR_NOT_OPENED;
+            if (stored < 0 || !p.Initialised() || !p.Live()) return IPC_ERR_NOT_OPENED;
             if (stored < piece && p.PeerGone(slept)) {
                 // A dead writer adds nothing more: hand over what it left, then the code.
                 const int rest = stored > 0 ? p.ReadOnce(buffer + moved, stored) : 0;
@@ -635,24 +719,19 @@ int ReadPieces(KelCycleBufferPrivate& p, char* buffer, int count) {
             slept = false;
             if (stored < piece &&
                 !(PeerCanRunBeside(p.ReaderCpu(), p.WriterCpu()) &&
-                  SpinUntil([&] { return p.DataNow() >= piece || !p.IsRunning(); }, p.m_head->writePos))) {
+                  SpinUntil([&] { return p.DataNow() >= piece || !p.Live(); }, p.m_head->writePos))) {
                 const int rcSleep = p.SleepForData(piece, left, deadline.SleepMs(pollMs));
                 if (rcSleep != IPC_OK) return rcSleep;
                 slept = true;
             }
         }
         piece = left < p.m_chunkSize ? left : p.m_chunkSize;
-        if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
+        if (!p.Live()) return IPC_ERR_NOT_OPENED;
     }
 }
 
-}  // namespace
-
-int KelCycleBuffer::BlockRead(char* buffer, int count) {
-    KelCycleBufferPrivate& p = *m_private;
-    if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
-    if (count == 0) return 0;
-    if (count < 0) return IPC_ERR_FAILED;
+int KelCycleBufferPrivate::ReadBlocking(char* buffer, int count) {
+    KelCycleBufferPrivate& p = *this;
     // From the first blocking read on, this reader announces itself before every sleep, so writers of
     // ours need not signal while it is awake, between its reads included.
     // The word shares no line with the positions; storing only a change keeps it in the writer's cache.
@@ -661,33 +740,51 @@ int KelCycleBuffer::BlockRead(char* buffer, int count) {
         __atomic_store_n(word, kReaderAwake, __ATOMIC_RELAXED);
     }
     PublishCpu(p.ReaderCpu());
-    const int rc = ReadPieces(p, buffer, count);
+    const int rc = p.ReadPieces(buffer, count);
     // A writer waiting for more room than this call freed is not left to its pause.
     p.WakeWriter(true);
     return rc;
 }
 
+// The blocking forms refuse before moving a byte what they could not finish: a ring without a
+// semaphore could never wake the reader, and a caller retrying after a partial move would repeat bytes.
+// True with the result when the call ends here.
+bool KelCycleBufferPrivate::Refused(int count, int& result) const {
+    result = !Live() ? IPC_ERR_NOT_OPENED
+             : count == 0 ? 0
+             : count < 0 ? IPC_ERR_FAILED
+             : HasSemaphore() ? 1 : IPC_ERR_NOT_OPENED;
+    return result != 1;
+}
+
+int KelCycleBuffer::BlockWrite(const char* data, int count) {
+    KelCycleBufferPrivate& p = *m_private;
+    int result = 0;
+    if (p.Refused(count, result)) return result;
+    const Turn turn(p.m_writeMutex, p.m_writing, true);
+    return p.ReaderGoneNow() ? IPC_ERR_PEER_GONE : p.WriteBlocking(*this, data, count);
+}
+
+int KelCycleBuffer::BlockRead(char* buffer, int count) {
+    KelCycleBufferPrivate& p = *m_private;
+    int result = 0;
+    if (p.Refused(count, result)) return result;
+    const Turn turn(p.m_readMutex, p.m_reading, true);
+    return p.ReadBlocking(buffer, count);
+}
+
 int KelCycleBuffer::Write(const char* data, int count) {
     KelCycleBufferPrivate& p = *m_private;
-    std::lock_guard<std::mutex> lock(p.m_writeMutex);
     if (data == nullptr || count < 1) return IPC_ERR_NULL;
-    if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
-    p.m_writing.store(true, std::memory_order_relaxed);
-    const int rc = p.m_mode == Block ? BlockWrite(data, count) : NonblockWrite(data, count);
-    // Release: Stop, seeing the flag clear, may let the owner tear the block down.
-    p.m_writing.store(false, std::memory_order_release);
-    return rc;
+    if (p.m_mode != Block) return NonblockWrite(data, count);
+    return BlockWrite(data, count);
 }
 
 int KelCycleBuffer::Read(char* buffer, int count) {
     KelCycleBufferPrivate& p = *m_private;
-    std::lock_guard<std::mutex> lock(p.m_readMutex);
     if (buffer == nullptr || count < 1) return IPC_ERR_NULL;
-    if (!p.IsRunning()) return IPC_ERR_NOT_OPENED;
-    p.m_reading.store(true, std::memory_order_relaxed);
-    const int rc = p.m_mode == Block ? BlockRead(buffer, count) : NonblockRead(buffer, count);
-    p.m_reading.store(false, std::memory_order_release);
-    return rc;
+    if (p.m_mode != Block) return NonblockRead(buffer, count);
+    return BlockRead(buffer, count);
 }
 
 int KelCycleBuffer::Reset() {
@@ -695,8 +792,9 @@ int KelCycleBuffer::Reset() {
     if (!p.Initialised()) return IPC_ERR_NOT_OPENED;
     StoreRelease(p.m_head->writePos, 0);
     StoreRelease(p.m_head->readPos, 0);
-    // The handshake starts over: until the ends announce themselves again, writers signal every piece.
-    __atomic_store_n(p.ReaderWord(), 0, __ATOMIC_RELAXED);
+    // The handshake starts over: until the ends announce themselves again, writers signal every piece
+    // (of an in-process ring, none: so a reader that may be asleep there is woken to announce itself again).
+    if (__atomic_exchange_n(p.ReaderWord(), 0, __ATOMIC_RELAXED) > 0 && p.m_systemSem == nullptr) SemRelease();
     __atomic_store_n(p.WriterWord(), 0, __ATOMIC_RELAXED);
     __atomic_store_n(p.ReaderCpu(), 0, __ATOMIC_RELAXED);
     __atomic_store_n(p.WriterCpu(), 0, __ATOMIC_RELAXED);
@@ -785,6 +883,19 @@ int KelCycleBuffer::GetIpcStatus(KelIpcStatus& status) {
     }
     kel::memcpy_s(&status, sizeof(status), &m_private->m_head->ipcStatus, sizeof(status));
     return IPC_OK;
+}
+
+void KelCycleBufferDetach(KelCycleBuffer& ring) {
+    KelCycleBufferPrivate& p = *ring.m_private;
+    p.m_detached.store(true, std::memory_order_relaxed);
+    if (!p.Initialised()) return;
+    if (p.m_reading.load(std::memory_order_acquire)) ring.SemRelease();
+    if (p.m_writing.load(std::memory_order_acquire)) p.Futex(p.WriterWord(), FUTEX_WAKE, INT_MAX, nullptr, "Stop");
+}
+
+bool KelCycleBufferBusy(KelCycleBuffer& ring) {
+    const KelCycleBufferPrivate& p = *ring.m_private;
+    return p.m_reading.load(std::memory_order_acquire) || p.m_writing.load(std::memory_order_acquire);
 }
 
 void KelCycleBufferWatch(KelCycleBuffer& ring, const KelRingWatch& watch) {

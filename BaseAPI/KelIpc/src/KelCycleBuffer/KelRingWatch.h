@@ -16,5 +16,10 @@ struct KelRingWatch {
 };
 
 void KelCycleBufferWatch(KelCycleBuffer& ring, const KelRingWatch& watch);
+// A closing channel's ring: every call of this object leaves at its next test, whatever the run flag says,
+// and calls asleep in it are woken. Until the next attach.
+void KelCycleBufferDetach(KelCycleBuffer& ring);
+// Whether a transfer of this object is inside the ring.
+bool KelCycleBufferBusy(KelCycleBuffer& ring);
 
 #endif  // KEL_RING_WATCH_H

@@ -5,7 +5,7 @@
 KelIpcSocket::KelIpcSocket() : m_private(new KelIpcSocketPrivate) {}
 
 KelIpcSocket::~KelIpcSocket() {
-    m_private->CleanResource();
+    m_private->Shut();
     delete m_private;
 }
 
@@ -30,15 +30,27 @@ namespace {
 template <typename Buffer>
 int Transfer(KelIpcSocketPrivate* socket, KelIpcSocketPrivate::Direction direction,
              int (KelChannelRing::*op)(Buffer, int), Buffer buffer, int length) {
+    const KelIpcSocketPrivate::Call call(*socket);
+    if (!call.Admitted()) return IPC_ERR_NOT_OPENED;
     KelChannelRing* ring = nullptr;
     const int rc = socket->Select(direction, ring);
     return rc != IPC_OK ? rc : (ring->*op)(buffer, length);
 }
 
 int Size(KelIpcSocketPrivate* socket, KelIpcSocketPrivate::Direction direction, int (KelChannelRing::*op)()) {
+    const KelIpcSocketPrivate::Call call(*socket);
+    if (!call.Admitted()) return IPC_ERR_NOT_OPENED;
     KelChannelRing* ring = nullptr;
     const int rc = socket->Select(direction, ring);
     return rc != IPC_OK ? rc : (ring->*op)();
+}
+
+// Start and Reset, which run beside the transfers.
+int Restart(KelIpcSocketPrivate* socket, int (KelChannelRing::*op)(), const char* function) {
+    const KelIpcSocketPrivate::Call call(*socket);
+    if (!call.Admitted() || !socket->Opened()) return IPC_ERR_NOT_OPENED;
+    socket->ForEachChannel(op, function);
+    return IPC_OK;
 }
 
 }  // namespace
@@ -76,19 +88,16 @@ int KelIpcSocket::SpaceSize() {
 }
 
 bool KelIpcSocket::Running() {
-    return m_private->Running();
+    const KelIpcSocketPrivate::Call call(*m_private);
+    return call.Admitted() && m_private->Running();
 }
 
 int KelIpcSocket::Start() {
-    if (!m_private->Opened()) return IPC_ERR_NOT_OPENED;
-    m_private->ForEachChannel(&KelChannelRing::Start, "Start");
-    return IPC_OK;
+    return Restart(m_private, &KelChannelRing::Start, "Start");
 }
 
 int KelIpcSocket::Reset() {
-    if (!m_private->Opened()) return IPC_ERR_NOT_OPENED;
-    m_private->ForEachChannel(&KelChannelRing::Reset, "Reset");
-    return IPC_OK;
+    return Restart(m_private, &KelChannelRing::Reset, "Reset");
 }
 
 int KelIpcSocket::Stop() {
@@ -99,8 +108,5 @@ int KelIpcSocket::Stop() {
 }
 
 int KelIpcSocket::Close() {
-    std::lock_guard<std::mutex> lock(m_private->m_mutex);
-    if (!m_private->Opened()) return IPC_ERR_NOT_OPENED;
-    m_private->CleanResource();
-    return IPC_OK;
+    return m_private->Shut();
 }

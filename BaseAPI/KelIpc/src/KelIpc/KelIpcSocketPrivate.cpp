@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "KelDateTime.h"
 #include "KelIpcLog.h"
 #include "unix/KelPeerToken.h"
 
@@ -130,6 +131,38 @@ void CallChannel(std::unique_ptr<Channel>& channel, int (KelChannelRing::*op)(),
 }
 
 }  // namespace
+
+namespace {
+
+template <typename Channel>
+void Detach(std::unique_ptr<Channel>& channel) {
+    if (channel) KelCycleBufferDetach(channel->Ring().Buffer());
+}
+
+// How often a Close that waits for calls to leave wakes them again: one may have tested the ring just
+// before the first wake-up and gone to sleep after it.
+constexpr int kRewakeRounds = 10;
+
+}  // namespace
+
+int KelIpcSocketPrivate::Shut() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!Opened()) return IPC_ERR_NOT_OPENED;
+    m_closing.store(true, std::memory_order_seq_cst);
+    for (int round = 0; round == 0 || m_calls.load(std::memory_order_seq_cst) != 0; ++round) {
+        if (round % kRewakeRounds == 0) {
+            Detach(m_ipcL);
+            Detach(m_ipcR);
+            Detach(m_localL);
+            Detach(m_localR);
+        }
+        if (m_calls.load(std::memory_order_seq_cst) != 0) KelSleep(1);
+    }
+    CleanResource();
+    // Release: a call that sees the socket open again also sees the channels gone.
+    m_closing.store(false, std::memory_order_release);
+    return IPC_OK;
+}
 
 void KelIpcSocketPrivate::ForEachChannel(int (KelChannelRing::*op)(), const char* function) {
     CallChannel(m_ipcL, op, "KelIpcSockImpl", function);

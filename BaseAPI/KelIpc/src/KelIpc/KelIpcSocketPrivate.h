@@ -1,6 +1,7 @@
 #ifndef KEL_IPC_SOCKET_PRIVATE_H
 #define KEL_IPC_SOCKET_PRIVATE_H
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 
@@ -28,6 +29,29 @@ public:
     bool Running();
     // Calls op on every channel, logging nonzero results under function with the channel type.
     void ForEachChannel(int (KelChannelRing::*op)(), const char* function);
+    // Close and destruction: ends the calls of other threads that are inside the channels, waits until
+    // they have left, then closes the channels. IPC_ERR_NOT_OPENED when closed.
+    int Shut();
+
+    // Counts a call into the channels for as long as it lives, unless the socket is being closed: such a
+    // call is refused before it touches a channel, which may be gone by the time it would.
+    class Call {
+    public:
+        explicit Call(KelIpcSocketPrivate& socket) : m_socket(socket) {
+            // Sequentially consistent with Shut's store and load: either it sees this call, or the call
+            // sees it closing.
+            m_socket.m_calls.fetch_add(1, std::memory_order_seq_cst);
+            m_admitted = !m_socket.m_closing.load(std::memory_order_seq_cst);
+        }
+        ~Call() { m_socket.m_calls.fetch_sub(1, std::memory_order_release); }
+        Call(const Call&) = delete;
+        Call& operator=(const Call&) = delete;
+        bool Admitted() const { return m_admitted; }
+
+    private:
+        KelIpcSocketPrivate& m_socket;
+        bool m_admitted;
+    };
 
     KelSide m_side = Server;
     int32_t m_lSize = 262144;
@@ -42,6 +66,8 @@ public:
     std::unique_ptr<KelLocalSockImpl> m_localL;
     std::unique_ptr<KelLocalSockImpl> m_localR;
     std::mutex m_mutex;  // held by Close and Stop
+    std::atomic<int> m_calls{0};  // calls inside the channels
+    std::atomic<bool> m_closing{false};
 };
 
 #endif  // KEL_IPC_SOCKET_PRIVATE_H
