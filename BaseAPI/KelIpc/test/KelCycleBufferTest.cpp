@@ -218,35 +218,15 @@ TEST(KelCycleBufferSideData, UnattachedRingRefusesEverythingAndZeroesOutputs) {
     }
 }
 
-namespace {
-std::atomic<bool> g_handlerEntered{false};
-std::atomic<bool> g_handlerRelease{false};
-
-// Holds the interrupted thread inside its Write until the test lets it go (bounded at five seconds).
-void HoldingHandler(int) {
-    g_handlerEntered.store(true);
-    for (int i = 0; i < 5000 && !g_handlerRelease.load(); ++i) {
-        timespec ms{0, 1000000};
-        nanosleep(&ms, nullptr);
-    }
-}
-}  // namespace
-
 // A writer waiting for room sleeps on a word of its own that Stop must wake; a reader's release is the
 // socket tests' part. A write held up in a signal handler cannot leave: Stop then fails and says so.
 TEST(KelCycleBufferBlocking, StopReleasesAWaitingWriterButLogsAndFailsWhileAWriteCannotLeave) {
     RingPair ring(kMinBlock, Block);
     const std::vector<char> bytes = kt::Pattern(ring.DataLen() + 10);
-    struct sigaction action {};
-    struct sigaction previous {};
-    action.sa_handler = HoldingHandler;
-    sigemptyset(&action.sa_mask);
-    ASSERT_EQ(0, sigaction(SIGUSR1, &action, &previous));
+    kt::SignalHold hold;
     kt::LogCapture log;
     for (bool held : {false, true}) {
         SCOPED_TRACE(held ? "held in a handler" : "waiting");
-        g_handlerEntered = false;
-        g_handlerRelease = false;
         ASSERT_EQ(IPC_OK, ring.server.Start());
         std::promise<pthread_t> self;
         auto writer = std::async(std::launch::async, [&] {
@@ -257,16 +237,60 @@ TEST(KelCycleBufferBlocking, StopReleasesAWaitingWriterButLogsAndFailsWhileAWrit
         // The writer moves whole pieces of block/50 bytes, so it stalls with less than a piece free.
         EXPECT_TRUE(kt::WaitUntil([&] { return ring.server.SpaceSize() < kMinBlock / 50; }, 10000));
         if (held) {
-            pthread_kill(writerThread, SIGUSR1);
-            EXPECT_TRUE(kt::WaitUntil([] { return g_handlerEntered.load(); }, 5000));
+            EXPECT_TRUE(hold.Hold(writerThread));
         }
         EXPECT_EQ(held ? IPC_ERR_FAILED : IPC_OK, ring.server.Stop());
-        g_handlerRelease = true;
+        hold.Release();
         ASSERT_TRUE(kt::Ready(writer, 10000));
         EXPECT_EQ(IPC_ERR_NOT_OPENED, writer.get());
         EXPECT_EQ(0, ring.server.KelCBHeadPtr()->writePos);
     }
-    sigaction(SIGUSR1, &previous, nullptr);
     EXPECT_EQ(log.Lines("BaseAPI/KelIpc/src/KelCycleBuffer/KelCycleBuffer"),
               std::vector<std::string>{"Stop|Not Exit:1,0"});
+}
+
+// A blocking call that could not finish must not start: a caller retrying after a partial move would
+// write or read its bytes twice.
+TEST(KelCycleBufferBlocking, BlockingFormsWithoutASemaphoreRefuseBeforeMovingAByte) {
+    std::vector<char> block(kMinBlock, 0);
+    KelCycleBuffer writer;
+    KelCycleBuffer reader;
+    ASSERT_EQ(IPC_OK, writer.Attach(block.data(), kMinBlock, Server, Block));
+    ASSERT_EQ(IPC_OK, reader.Attach(block.data(), kMinBlock, Client, Block));
+    const std::vector<char> bytes = kt::Pattern(3 * kMinBlock / 50);
+    const int size = static_cast<int>(bytes.size());
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, writer.BlockWrite(bytes.data(), size));
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, writer.Write(bytes.data(), size));
+    EXPECT_EQ(0, reader.DataSize());
+    ASSERT_EQ(1000, writer.NonblockWrite(bytes.data(), 1000));  // more than one piece, less than two
+    std::vector<char> out(size);
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, reader.BlockRead(out.data(), size));
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, reader.Read(out.data(), size));
+    EXPECT_EQ(1000, reader.DataSize());
+    EXPECT_EQ(0, writer.BlockWrite(bytes.data(), 0));
+}
+
+// An in-process semaphore counts every release: a writer that signalled each piece for a reader that
+// drains without waiting would leave a later blocking read to spin through them all.
+TEST(KelCycleBufferBlocking, InProcessWritersSignalOnlyAReaderThatMaySleep) {
+    RingPair ring(kMinBlock, Block);
+    const std::vector<char> bytes = kt::Pattern(100);
+    std::vector<char> out(100);
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_EQ(100, ring.server.BlockWrite(bytes.data(), 100));
+        ASSERT_EQ(100, ring.client.NonblockRead(out.data(), 100));
+    }
+    int pending = 0;
+    while (ring.sem.AcquireFor(0)) ++pending;
+    EXPECT_EQ(0, pending);
+    // A reader that sleeps is still woken, in a blocking read and in SemAcquire alike.
+    auto read = std::async(std::launch::async, [&] { return ring.client.BlockRead(out.data(), 100); });
+    EXPECT_FALSE(kt::Ready(read, 50));
+    ASSERT_EQ(100, ring.server.BlockWrite(bytes.data(), 100));
+    EXPECT_TRUE(kt::Ready(read, 5000));
+    auto acquire = std::async(std::launch::async, [&] { return ring.client.SemAcquire(); });
+    EXPECT_FALSE(kt::Ready(acquire, 50));
+    ASSERT_EQ(100, ring.server.BlockWrite(bytes.data(), 100));
+    EXPECT_TRUE(kt::Ready(acquire, 5000));
+    ring.server.Stop();  // releases whichever wait the assertions above found stuck
 }

@@ -491,3 +491,93 @@ TEST(KelIpcSocketLifecycle, DestroyingAnOpenServerRemovesItsObjectsAndStopsTheCl
     EXPECT_EQ(0, kt::ChannelObjects(name));
     EXPECT_EQ(0, child.Wait(kWaitMs));
 }
+
+// Every form takes its turn on a direction: three threads reading one stream with Read, BlockRead and
+// NonBlockRead each get whole values, and together every value exactly once.
+TEST(KelIpcSocketConcurrency, ReadersOfEveryFormOnOneDirectionShareTheStreamWithoutRepeats) {
+    constexpr uint32_t kValues = 100000;
+    for (KelIpcType type : {Process, Local}) {
+        SCOPED_TRACE(TypeName(type));
+        const std::string name = kt::UniqueName("share");
+        KelIpcSocket server;
+        ASSERT_EQ(IPC_OK, server.Open(type, Server, name.c_str(), nullptr));
+        KelIpcSocket client;
+        auto clientPart = [&] {
+            if (client.Open(type, Client, name.c_str(), nullptr) != IPC_OK) return 1;
+            std::vector<uint32_t> values(kValues);
+            for (uint32_t i = 0; i < kValues; ++i) values[i] = i;
+            const int bytes = static_cast<int>(kValues * sizeof(uint32_t));
+            if (client.BlockWrite(reinterpret_cast<const char*>(values.data()), bytes) != bytes) return 2;
+            char byte;
+            return client.Read(&byte, 1) == IPC_ERR_NOT_OPENED ? 0 : 3;  // until the server has all
+        };
+        std::vector<uint32_t> got[3];
+        auto serverPart = [&] {
+            std::atomic<uint32_t> total{0};
+            auto reader = [&](Form form) {
+                uint32_t value = 0;
+                for (;;) {
+                    const int rc = Receive(server, form, reinterpret_cast<char*>(&value), sizeof(value));
+                    if (rc < 0) return;
+                    if (rc == 0) continue;
+                    got[form].push_back(value);
+                    if (++total == kValues) server.Stop();
+                }
+            };
+            std::thread readers[] = {std::thread(reader, kModeForm), std::thread(reader, kBlockForm),
+                                     std::thread(reader, kNonBlockForm)};
+            for (std::thread& thread : readers) thread.join();
+            return total == kValues ? 0 : 1;
+        };
+        EXPECT_EQ(0, Pair(type, server, serverPart, clientPart));
+        std::vector<uint32_t> all;
+        for (const std::vector<uint32_t>& part : got) {
+            EXPECT_TRUE(std::is_sorted(part.begin(), part.end()));
+            all.insert(all.end(), part.begin(), part.end());
+        }
+        std::sort(all.begin(), all.end());
+        ASSERT_EQ(kValues, all.size());
+        for (uint32_t i = 0; i < kValues; ++i) ASSERT_EQ(i, all[i]);
+    }
+}
+
+// A non-blocking call never waits behind a parked call of its direction, nor takes its bytes; Close
+// ends a call of another thread inside the ring and waits for it to leave before it unmaps.
+TEST(KelIpcSocketConcurrency, ParkedCallsKeepTheirTurnAndCloseWaitsForThemToLeave) {
+    for (KelIpcType type : {Process, Local}) {
+        SCOPED_TRACE(TypeName(type));
+        const std::string name = kt::UniqueName("parked");
+        KelIpcSocket server;
+        KelIpcSocket client;
+        ASSERT_EQ(IPC_OK, server.Open(type, Server, name.c_str(), nullptr));
+        ASSERT_EQ(IPC_OK, client.Open(type, Client, name.c_str(), nullptr));
+        const std::vector<char> bytes = kt::Pattern(100);
+        std::vector<char> got(100);
+        auto parked = std::async(std::launch::async, [&] { return server.BlockRead(got.data(), 100); });
+        EXPECT_FALSE(kt::Ready(parked, 50));
+        ASSERT_EQ(10, client.NonBlockWrite(bytes.data(), 10));
+        char stolen[10];
+        EXPECT_EQ(0, server.NonBlockRead(stolen, 10));
+        ASSERT_EQ(90, client.BlockWrite(bytes.data() + 10, 90));
+        ASSERT_TRUE(Finish(server, parked));
+        EXPECT_EQ(100, parked.get());
+        EXPECT_EQ(bytes, got);
+
+        kt::SignalHold hold;
+        std::promise<pthread_t> self;
+        auto inside = std::async(std::launch::async, [&] {
+            self.set_value(pthread_self());
+            return server.BlockRead(got.data(), 100);
+        });
+        const pthread_t reader = self.get_future().get();
+        EXPECT_FALSE(kt::Ready(inside, 50));
+        ASSERT_TRUE(hold.Hold(reader));
+        auto close = std::async(std::launch::async, [&] { return server.Close(); });
+        EXPECT_FALSE(kt::Ready(close, 200)) << "Close returned while a read was inside the ring";
+        hold.Release();
+        ASSERT_TRUE(kt::Ready(close, kWaitMs));
+        EXPECT_EQ(IPC_OK, close.get());
+        ASSERT_TRUE(kt::Ready(inside, kWaitMs));
+        EXPECT_EQ(IPC_ERR_NOT_OPENED, inside.get());
+    }
+}

@@ -336,6 +336,38 @@ void StormTrial(bool reading) {
 
 }  // namespace
 
+// A non-blocking caller learns of a death as surely as a blocking one: a read gets what the dead writer
+// left as a short count, then the code; a write into the dead reader's full ring gets the code from then
+// on, not only at the cadence at which a writer with room asks.
+TEST(KelReliabilityCrash, NonBlockingCallsLearnOfAKilledPeerAfterWhatItLeft) {
+    const std::string name = kt::UniqueName("nbdead");
+    const auto notes = SharedNotes();
+    ASSERT_NE(nullptr, notes);
+    KelIpcSocket server;
+    ASSERT_EQ(IPC_OK, OpenEnd(server, Server, name));
+    const std::vector<char> bytes = kt::Pattern(kBlock);
+    const int room = kBlock - 9024 - 1;
+    ASSERT_EQ(room, server.NonBlockWrite(bytes.data(), room));
+    kt::Child client([&] {
+        KelIpcSocket end;
+        if (OpenEnd(end, Client, name) != IPC_OK || end.Write(bytes.data(), 10) != 10) return 1;
+        notes->ready.store(1);
+        for (;;) std::this_thread::sleep_for(std::chrono::seconds(1));
+    });
+    ASSERT_TRUE(kt::WaitUntil([&] { return notes->ready.load() == 1; }, kBound));
+    client.Kill();
+    client.Wait(kBound);
+    std::vector<char> got(64);
+    int rc = 0;
+    EXPECT_TRUE(kt::WaitUntil([&] { return (rc = server.NonBlockRead(got.data(), 64)) != 0; }, kBound));
+    EXPECT_EQ(10, rc);
+    EXPECT_EQ(-1, kt::FirstWrong(got.data(), 10, 0));
+    EXPECT_EQ(IPC_ERR_PEER_GONE, server.NonBlockRead(got.data(), 64));
+    EXPECT_EQ(IPC_ERR_PEER_GONE, server.DataSize());
+    EXPECT_TRUE(kt::WaitUntil([&] { return server.NonBlockWrite(bytes.data(), 1) == IPC_ERR_PEER_GONE; }, kBound));
+    for (int call = 0; call < 32; ++call) EXPECT_EQ(IPC_ERR_PEER_GONE, server.NonBlockWrite(bytes.data(), 1));
+}
+
 TEST(KelReliabilitySignals, ABlockingReadInterruptedEveryMillisecondStillGetsEveryByte) {
     StormTrial(true);
 }

@@ -231,6 +231,34 @@ TEST(KelRingHandshake, ReaderAnnouncesItsSleepWakesAWriterOnceItFreedTheRoomAske
     EXPECT_EQ(0, ring.Head()->reserved[72]);
 }
 
+// A reader that waits through SemAcquire after its blocking reads still counts as awake for the writer,
+// which skips its signal: it must not sleep with the bytes there.
+TEST(KelRingHandshake, SemAcquireAfterABlockingReadWakesForBytesThatCameSinceTheLastLook) {
+    SharedRing ring;
+    KelCycleBuffer reader;
+    ASSERT_EQ(IPC_OK, reader.AttachIpc(ring.block, kBlock, Client, Block, &ring.sem));
+    std::vector<char> bytes(10);
+    ASSERT_EQ(10, ring.server.BlockWrite(bytes.data(), 10));
+    ASSERT_EQ(10, reader.BlockRead(bytes.data(), 10));
+    ASSERT_EQ(IPC_OK, ring.sem.Reset());
+    ASSERT_EQ(0, reader.NonblockRead(bytes.data(), 10));     // the caller's look: nothing yet
+    ASSERT_EQ(10, ring.server.BlockWrite(bytes.data(), 10));  // no signal: the reader is awake
+    EXPECT_EQ(0, SemValue(ring.name));
+    for (bool arrived : {true, false}) {
+        auto acquire = std::async(std::launch::async, [&] { return reader.SemAcquire(); });
+        if (!arrived) {
+            // Nothing came since the last look: it sleeps until the next piece, which signals.
+            EXPECT_FALSE(kt::Ready(acquire, 50));
+            ASSERT_EQ(10, ring.server.BlockWrite(bytes.data(), 10));
+        }
+        const bool woken = kt::Ready(acquire, 5000);
+        if (!woken) ring.sem.Release();
+        EXPECT_TRUE(woken) << (arrived ? "bytes that came before the wait" : "bytes during it");
+        EXPECT_EQ(IPC_OK, acquire.get());
+        EXPECT_EQ(10, reader.NonblockRead(bytes.data(), 10));
+    }
+}
+
 // Each direction between a bare end in a child process and one of ours in this one.
 TEST(KelRingHandshake, EndsThatIgnoreTheWordsStreamWithOursBothWays) {
     const int64_t total = 40LL * (kBlock - kHead);

@@ -188,4 +188,42 @@ int ChannelObjects(const std::string& name) {
     return n;
 }
 
+namespace {
+std::atomic<bool> g_held{false};
+std::atomic<bool> g_release{false};
+
+void HoldingHandler(int) {
+    g_held.store(true);
+    for (int i = 0; i < 5000 && !g_release.load(); ++i) {
+        timespec ms{0, 1000000};
+        nanosleep(&ms, nullptr);
+    }
+}
+}  // namespace
+
+SignalHold::SignalHold() : m_previous(new struct sigaction) {
+    g_held = false;
+    g_release = false;
+    struct sigaction action {};
+    action.sa_handler = HoldingHandler;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGUSR1, &action, static_cast<struct sigaction*>(m_previous));
+}
+
+SignalHold::~SignalHold() {
+    Release();
+    sigaction(SIGUSR1, static_cast<struct sigaction*>(m_previous), nullptr);
+    delete static_cast<struct sigaction*>(m_previous);
+}
+
+bool SignalHold::Hold(pthread_t thread) {
+    g_held = false;
+    g_release = false;
+    return pthread_kill(thread, SIGUSR1) == 0 && WaitUntil([] { return g_held.load(); }, 5000);
+}
+
+void SignalHold::Release() {
+    g_release = true;
+}
+
 }  // namespace kt

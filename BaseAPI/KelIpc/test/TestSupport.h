@@ -1,6 +1,7 @@
 #ifndef KEL_IPC_TEST_SUPPORT_H
 #define KEL_IPC_TEST_SUPPORT_H
 
+#include <pthread.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -74,6 +75,20 @@ inline char PatternByte(uint64_t i) {
 std::vector<char> Pattern(size_t n, uint64_t from = 0);
 // The index of the first of n bytes that differs from the pattern at from, or -1.
 int64_t FirstWrong(const char* bytes, size_t n, uint64_t from);
+
+// Holds one thread of this process inside a SIGUSR1 handler, wherever it runs, until Release (or five
+// seconds); the previous handler comes back at destruction.
+class SignalHold {
+public:
+    SignalHold();
+    ~SignalHold();
+    // True once the thread is inside the handler.
+    bool Hold(pthread_t thread);
+    void Release();
+
+private:
+    void* m_previous;
+};
 
 // How many of the segments and semaphore sets of a Process socket's two directions exist.
 int ChannelObjects(const std::string& name);
