@@ -62,18 +62,25 @@ public:
     int AttachIpc(char* block, int length, KelSide side, KelMode mode, KelSystemSemaphore* sem);
     int AttachLocal(char* block, int length, KelSide side, KelMode mode, KelSemaphore* sem);
 
+    // Every transfer form of one direction takes that direction's turn on this object: a blocking form
+    // waits for it, a non-blocking one returns 0 at once while another call has it. Stop waits for the
+    // calls of every form to leave.
+
     // Writer side. All or nothing: count, or 0 when the ring lacks room; IPC_ERR_NOT_OPENED when not
-    // attached or stopped; IPC_ERR_FAILED for a null pointer, a count below 1 or a corrupt header.
+    // attached or stopped; IPC_ERR_FAILED for a null pointer, a count below 1 or a corrupt header;
+    // IPC_ERR_PARAM for more than the ring can ever hold; IPC_ERR_PEER_GONE once its reader is known dead.
     int NonblockWrite(const char* data, int count);
-    // Reader side. All or nothing: count, or 0 when fewer bytes are stored; codes as NonblockWrite.
+    // Reader side. All or nothing: count, or 0 when fewer bytes are stored, except that a dead writer's
+    // last bytes come as a short count, then IPC_ERR_PEER_GONE; other codes as NonblockWrite.
     int NonblockRead(char* buffer, int count);
     // Writer side. Waits for room until all count bytes are in the ring, signalling the reader after
-    // every piece; IPC_ERR_NOT_OPENED when the ring is or becomes stopped.
+    // every piece; IPC_ERR_NOT_OPENED when the ring is or becomes stopped, or has no semaphore (then
+    // before moving a byte).
     int BlockWrite(const char* data, int count);
-    // Reader side. Waits on the semaphore until all count bytes have been read.
+    // Reader side. Waits on the semaphore until all count bytes have been read; IPC_ERR_NOT_OPENED, before
+    // moving a byte, without a semaphore.
     int BlockRead(char* buffer, int count);
-    // Serialised per object; blocking or not by the attach mode. IPC_ERR_NULL for a null pointer or a
-    // count below 1. Stop waits for these calls to leave.
+    // Blocking or not by the attach mode. IPC_ERR_NULL for a null pointer or a count below 1.
     int Write(const char* data, int count);
     int Read(char* buffer, int count);
 
@@ -82,6 +89,8 @@ public:
     bool Running();             // attached, initialised and running
     KelCBHead* KelCBHeadPtr();  // null before the first attach
 
+    // Reader side: waits for a writer's signal, or returns at once when bytes came since this object's
+    // last read or DataSize (a writer of ours may have skipped the signal for a reader it saw awake).
     int SemAcquire();
     int SemRelease();
     // Empties the ring without touching the run flag. Callers reset a ring whose sides are idle.

@@ -29,7 +29,7 @@ class KelIpcSocketPrivate;
 class KELIPC_API KelIpcSocket {
 public:
     KelIpcSocket();
-    ~KelIpcSocket();  // closes as Close does; no transfer may still be running
+    ~KelIpcSocket();  // closes as Close does, ending and waiting for calls of other threads
     KelIpcSocket(const KelIpcSocket&) = delete;
     KelIpcSocket& operator=(const KelIpcSocket&) = delete;
 
@@ -45,7 +45,11 @@ public:
     // the bytes it had moved, a short count, when there are any (the caller resumes after them; nothing is
     // lost or repeated), otherwise IPC_ERR_TIMEOUT or IPC_ERR_PEER_GONE. A reader gets every byte the dead
     // end had written before the code; DataSize, SpaceSize and the NonBlock calls report the code once the
-    // ring has nothing left to give. An end whose peer takes no part in liveness is never told it is gone.
+    // ring has nothing left to give: a non-blocking read gets the dead writer's last bytes as a short
+    // count, then the code; a non-blocking write of more than the ring can ever hold gets IPC_ERR_PARAM.
+    // An end whose peer takes no part in liveness is never told it is gone.
+    // Threads may mix the forms on one direction: each call moves its bytes whole and in turn; a
+    // NonBlock call never waits behind a parked call, it returns 0 at once.
     int Write(const char* data, int length);
     int BlockWrite(const char* data, int length);
     int NonBlockWrite(const char* data, int length);
@@ -61,7 +65,8 @@ public:
     int Start();
     int Stop();
     int Reset();
-    // Stops the rings still running and releases this end's objects. IPC_ERR_NOT_OPENED when closed.
+    // Ends the calls of other threads still inside this end and waits for them to leave, then stops the
+    // rings still running and releases this end's objects. IPC_ERR_NOT_OPENED when closed.
     int Close();
 
 private:
