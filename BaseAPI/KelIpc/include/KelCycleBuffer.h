@@ -93,12 +93,14 @@ public:
     // last read or DataSize (a writer of ours may have skipped the signal for a reader it saw awake).
     int SemAcquire();
     int SemRelease();
-    // Empties the ring without touching the run flag. Callers reset a ring whose sides are idle.
+    // Reset, Start and Stop end with IPC_ERR_NOT_OPENED every transfer of the library's ends (on either
+    // side) that began before them, also one that could not run meanwhile, and wake those asleep.
+    // Empties the ring without touching the run flag.
     int Reset();
     // Empties the ring and sets it running, for both sides.
     int Start();
     // Clears the run flag for both sides, wakes a sleeping reader, empties the ring, then waits up to
-    // about 100 ms for this object's Write and Read calls to leave (IPC_ERR_FAILED if they do not).
+    // about 100 ms for this object's calls to leave (IPC_ERR_FAILED if they do not).
     int Stop();
 
     // Side data in the header; see the contract of each. None of these takes a lock.

@@ -471,6 +471,59 @@ TEST(KelReliabilityRestart, AServerStartedAgainAfterItsClientDiedServesTheNextCl
     EXPECT_EQ(0, next.Wait(kBound));
 }
 
+// A transfer of ours that could not run through a Stop and a Start (held by SIGSTOP) ends when it resumes:
+// a writer parked for room puts no tail of its old message into the new stream, and a reader part-way
+// through its count returns no mix of old bytes and new.
+TEST(KelReliabilityRestart, ATransferThatSleptThroughStopAndStartEndsInsteadOfJoiningTheNewStream) {
+    constexpr int kRoom = kBlock - 9024 - 1;
+    constexpr int kPiece = kBlock / 50;
+    for (bool writerParked : {true, false}) {
+        SCOPED_TRACE(writerParked ? "a writer parked for room" : "a reader part-way through its count");
+        const std::string name = kt::UniqueName("restart");
+        const auto notes = SharedNotes();
+        ASSERT_NE(nullptr, notes);
+        KelIpcSocket server;
+        ASSERT_EQ(IPC_OK, OpenEnd(server, Server, name));
+        kt::Child client([&] {
+            KelIpcSocket end;
+            if (OpenEnd(end, Client, name) != IPC_OK) return 1;
+            notes->ready.store(1);
+            std::vector<char> old = kt::Pattern(3 * kRoom);
+            const int rc = writerParked ? end.Write(old.data(), 3 * kRoom) : end.Read(old.data(), 3 * kPiece);
+            if (rc != IPC_ERR_NOT_OPENED) return 2;
+            std::vector<char> fresh = writerParked ? kt::Pattern(100, kRBase) : std::vector<char>(100);
+            if ((writerParked ? end.Write(fresh.data(), 100) : end.Read(fresh.data(), 100)) != 100) return 3;
+            return kt::FirstWrong(fresh.data(), 100, kRBase) == -1 ? 0 : 4;
+        });
+        ASSERT_TRUE(kt::WaitUntil([&] { return notes->ready.load() == 1; }, kBound));
+        if (writerParked) {
+            // Less than a piece free: the writer waits for room.
+            ASSERT_TRUE(kt::WaitUntil([&] { return server.DataSize() > kRoom - kPiece; }, kBound));
+        } else {
+            const std::vector<char> old = kt::Pattern(kPiece + kPiece / 2);
+            ASSERT_EQ(static_cast<int>(old.size()), server.Write(old.data(), static_cast<int>(old.size())));
+            // One piece taken, too little for the next: the reader sleeps with part of its count.
+            ASSERT_TRUE(kt::WaitUntil([&] { return server.SpaceSize() == kRoom - kPiece / 2; }, kBound));
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));  // past its spin, into its wait
+        ASSERT_EQ(0, kill(client.Pid(), SIGSTOP));
+        EXPECT_EQ(IPC_OK, server.Stop());
+        EXPECT_EQ(IPC_OK, server.Start());
+        const std::vector<char> fresh = kt::Pattern(3 * kPiece, kRBase);
+        if (!writerParked) {
+            EXPECT_EQ(3 * kPiece, server.Write(fresh.data(), 3 * kPiece));
+        }
+        ASSERT_EQ(0, kill(client.Pid(), SIGCONT));
+        if (writerParked) {
+            std::vector<char> got(100);
+            auto read = std::async(std::launch::async, [&] { return server.Read(got.data(), 100); });
+            EXPECT_EQ(100, Settle(read, &server, "the server's read of the new stream"));
+            EXPECT_EQ(-1, kt::FirstWrong(got.data(), 100, kRBase)) << "the old message's tail came first";
+        }
+        EXPECT_EQ(0, client.Wait(kBound));
+    }
+}
+
 TEST(KelReliabilityRestart, ALiveServerKeepsItsNameAndADeadOnesIsReclaimedWhileItsClientIsTold) {
     const std::string name = kt::UniqueName("owner");
     const auto notes = SharedNotes();

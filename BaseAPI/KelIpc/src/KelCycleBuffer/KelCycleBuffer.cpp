@@ -188,6 +188,15 @@ constexpr int32_t kReaderAwake = -1;
 static_assert(offsetof(KelCBHead, reserved) + kReaderWordOffset == 832, "reader word offset");
 static_assert(offsetof(KelCBHead, reserved) + kWriterWordOffset == 896, "writer word offset");
 
+// The ring's generation (header offset 1024), raised by every Reset, Start and Stop of ours before it
+// zeroes the positions. A transfer of ours takes the generation when it begins and ends as soon as it
+// changes, so none outlives a restart, even one that happened while it could not run; and it publishes
+// its position with a compare-and-swap against the value it last stored, right after testing the
+// generation, so that a restart between the test and the publication fails the swap (unless the
+// position it swaps from is the very 0 the restart stores: see the README).
+constexpr size_t kGenerationOffset = 192;
+static_assert(offsetof(KelCBHead, reserved) + kGenerationOffset == 1024, "generation offset");
+
 // Between an end's store of its own word and its load of the other side's. ThreadSanitizer rejects
 // fences; there a locked read-modify-write, which orders the same on x86, stands in.
 inline void FullFence() {
@@ -251,6 +260,8 @@ public:
     std::atomic<bool> m_reading{false};
     std::atomic<bool> m_detached{false};   // the channel is closing: every call of this end leaves
     std::atomic<int32_t> m_seenWrite{-1};  // writePos at this end's last look as a reader; -1: none
+    int32_t m_writeGen = 0;  // the generation the write call that has the turn began in
+    int32_t m_readGen = 0;   // the same for the read call
     KelRingWatch m_watch;
     std::atomic<int64_t> m_nextLook{0};  // coarse clock time after which a liveness answer is stale
     std::atomic<bool> m_peerGone{false};
@@ -260,8 +271,15 @@ public:
     std::mutex m_writeMutex;
 
     bool IsRunning() const { return m_head != nullptr && LoadAcquire(m_head->running) != 0; }
-    // Running for a transfer of this object: a closing channel ends its calls whatever the peer does.
-    bool Live() const { return !m_detached.load(std::memory_order_relaxed) && IsRunning(); }
+    int32_t* GenerationWord() const { return reinterpret_cast<int32_t*>(m_head->reserved + kGenerationOffset); }
+    int32_t Generation() const { return m_head != nullptr ? LoadAcquire(*GenerationWord()) : 0; }
+    // Running for a transfer of this object that began in generation gen: a closing channel ends its
+    // calls whatever the peer does, and a restart ends those that began before it.
+    bool Live(int32_t gen) const {
+        return !m_detached.load(std::memory_order_relaxed) && IsRunning() && Generation() == gen;
+    }
+    bool LiveWriting() const { return Live(m_writeGen); }
+    bool LiveReading() const { return Live(m_readGen); }
     // Attached to a block that a server has initialised; the run flag does not matter.
     bool Initialised() const { return m_head != nullptr && LoadRelaxed(m_head->dataLen) >= 1; }
     bool HasSemaphore() const { return m_localSem != nullptr || m_systemSem != nullptr; }
@@ -290,9 +308,10 @@ public:
     int WriteOnce(const char* data, int count);
     int ReadOnce(char* buffer, int count);
     bool NeverFits(int count) const;
+    bool Publish(int32_t& position, int32_t last, int32_t next, int32_t gen);
     int WriteNow(const char* data, int count);
     int ReadNow(char* buffer, int count);
-    bool Refused(int count, int& result) const;
+    bool Refused(int32_t gen, int count, int& result) const;
     int WriteBlocking(KelCycleBuffer& ring, const char* data, int count);
     int ReadPieces(char* buffer, int count);
     int ReadBlocking(char* buffer, int count);
@@ -399,7 +418,7 @@ int KelCycleBufferPrivate::SleepForData(int piece, int left, int timeoutMs) {
     __atomic_store_n(word, Batch(piece, left), __ATOMIC_RELAXED);
     FullFence();
     int rc = IPC_OK;
-    if (DataNow() < piece && IsRunning()) rc = WaitOnSemaphore(timeoutMs);
+    if (DataNow() < piece && LiveReading()) rc = WaitOnSemaphore(timeoutMs);
     __atomic_store_n(word, kReaderAwake, __ATOMIC_RELAXED);
     return rc;
 }
@@ -433,7 +452,7 @@ void KelCycleBufferPrivate::SleepForRoom(int piece, int left) {
     int32_t* const word = WriterWord();
     __atomic_store_n(word, need, __ATOMIC_RELAXED);
     FullFence();
-    if (Room() < piece && IsRunning()) {
+    if (Room() < piece && LiveWriting()) {
         const timespec pause{0, kWriterPauseMs * 1000000L};
         Futex(word, FUTEX_WAIT, need, &pause, "BlockWrite");
     }
@@ -464,7 +483,8 @@ int KelCycleBuffer::Attach(char* block, int length, KelSide side, KelMode mode) 
         p.m_areaLength = length - kHeadLength;
         p.m_prefetch = PrefetchHelps(p.m_areaLength);
         __atomic_store_n(&p.m_head->dataLen, length - kHeadLength, __ATOMIC_RELEASE);
-        Start();
+        // A cleared block is already what Start would make of it, generation 0 included.
+        StoreRelease(p.m_head->running, 1);
         p.m_buffer = block + kHeadLength;
         return IPC_OK;
     }
@@ -490,9 +510,11 @@ int KelCycleBuffer::AttachLocal(char* block, int length, KelSide side, KelMode m
 int KelCycleBufferPrivate::WriteOnce(const char* data, int count) {
     KelCycleBufferPrivate& p = *this;
     KelCBHead* head = p.m_head;
-    if (!p.Live()) return IPC_ERR_NOT_OPENED;
+    if (!p.LiveWriting()) return IPC_ERR_NOT_OPENED;
     const int32_t len = LoadRelaxed(head->dataLen);
-    const int32_t w = LoadRelaxed(head->writePos);  // our own word
+    // Our own word, but a restart zeroes it: acquire, so that seeing it zeroed means seeing the new
+    // generation.
+    int32_t w = LoadAcquire(head->writePos);
     const int32_t r = LoadAcquire(head->readPos);
     if (len < 1 || Free(len, w, r) < count) return 0;
     if (!InBlock(len, p.m_areaLength, w) || !InBlock(len, p.m_areaLength, r)) return IPC_ERR_FAILED;
@@ -504,16 +526,22 @@ int KelCycleBufferPrivate::WriteOnce(const char* data, int count) {
     } else if (!CopyIntoRing(p.m_buffer + w, count, data, p.m_prefetch)) {
         return IPC_ERR_FAILED;
     }
-    StoreRelease(head->writePos, static_cast<int32_t>(end % len));
+    if (!p.Publish(head->writePos, w, static_cast<int32_t>(end % len), p.m_writeGen)) return IPC_ERR_NOT_OPENED;
     return count;
+}
+
+// Release: the peer that sees the new position also sees the bytes copied before it.
+bool KelCycleBufferPrivate::Publish(int32_t& position, int32_t last, int32_t next, int32_t gen) {
+    return Generation() == gen &&
+           __atomic_compare_exchange_n(&position, &last, next, false, __ATOMIC_RELEASE, __ATOMIC_RELAXED);
 }
 
 int KelCycleBufferPrivate::ReadOnce(char* buffer, int count) {
     KelCycleBufferPrivate& p = *this;
     KelCBHead* head = p.m_head;
-    if (!p.Live()) return IPC_ERR_NOT_OPENED;
+    if (!p.LiveReading()) return IPC_ERR_NOT_OPENED;
     const int32_t len = LoadRelaxed(head->dataLen);
-    const int32_t r = LoadRelaxed(head->readPos);  // our own word
+    int32_t r = LoadAcquire(head->readPos);  // our own word, but zeroed by a restart
     const int32_t w = LoadAcquire(head->writePos);
     p.m_seenWrite.store(w, std::memory_order_relaxed);
     if (len < 1 || Used(len, w, r) < count) return 0;
@@ -527,7 +555,7 @@ int KelCycleBufferPrivate::ReadOnce(char* buffer, int count) {
     } else if (!Copy(buffer, count, p.m_buffer + r)) {
         return IPC_ERR_FAILED;
     }
-    StoreRelease(head->readPos, static_cast<int32_t>(end % len));
+    if (!p.Publish(head->readPos, r, static_cast<int32_t>(end % len), p.m_readGen)) return IPC_ERR_NOT_OPENED;
     p.WakeWriter(false);
     return count;
 }
@@ -539,7 +567,7 @@ bool KelCycleBufferPrivate::NeverFits(int count) const {
 }
 
 int KelCycleBufferPrivate::WriteNow(const char* data, int count) {
-    if (!Live()) return IPC_ERR_NOT_OPENED;
+    if (!LiveWriting()) return IPC_ERR_NOT_OPENED;
     if (NeverFits(count)) return IPC_ERR_PARAM;
     // Bytes for a reader that died would never be read.
     if (ReaderGoneNow()) return IPC_ERR_PEER_GONE;
@@ -549,7 +577,7 @@ int KelCycleBufferPrivate::WriteNow(const char* data, int count) {
 }
 
 int KelCycleBufferPrivate::ReadNow(char* buffer, int count) {
-    if (!Live()) return IPC_ERR_NOT_OPENED;
+    if (!LiveReading()) return IPC_ERR_NOT_OPENED;
     if (NeverFits(count)) return IPC_ERR_PARAM;
     const int rc = ReadOnce(buffer, count);
     if (rc != 0 || !PeerGone(false)) return rc;
@@ -594,16 +622,22 @@ private:
 
 int KelCycleBuffer::NonblockWrite(const char* data, int count) {
     KelCycleBufferPrivate& p = *m_private;
-    if (!p.Live()) return IPC_ERR_NOT_OPENED;
+    const int32_t gen = p.Generation();
+    if (!p.Live(gen)) return IPC_ERR_NOT_OPENED;
     const Turn turn(p.m_writeMutex, p.m_writing, false);
-    return turn.Held() ? p.WriteNow(data, count) : 0;
+    if (!turn.Held()) return 0;
+    p.m_writeGen = gen;
+    return p.WriteNow(data, count);
 }
 
 int KelCycleBuffer::NonblockRead(char* buffer, int count) {
     KelCycleBufferPrivate& p = *m_private;
-    if (!p.Live()) return IPC_ERR_NOT_OPENED;
+    const int32_t gen = p.Generation();
+    if (!p.Live(gen)) return IPC_ERR_NOT_OPENED;
     const Turn turn(p.m_readMutex, p.m_reading, false);
-    return turn.Held() ? p.ReadNow(buffer, count) : 0;
+    if (!turn.Held()) return 0;
+    p.m_readGen = gen;
+    return p.ReadNow(buffer, count);
 }
 
 // The side a ring object serves is not recorded, so each size reports a dead peer where that peer would
@@ -673,10 +707,10 @@ int KelCycleBufferPrivate::WriteBlocking(KelCycleBuffer& ring, const char* data,
         } else {
             // Too little room, or a header that gives none: the size test tells which.
             const int space = p.SpaceNow();
-            if (space < 0 || !p.Live() || !p.Initialised()) return IPC_ERR_NOT_OPENED;
+            if (space < 0 || !p.LiveWriting() || !p.Initialised()) return IPC_ERR_NOT_OPENED;
             if (piece > space &&
                 !(PeerCanRunBeside(p.WriterCpu(), p.ReaderCpu()) &&
-                  SpinUntil([&] { return p.SpaceNow() >= piece || !p.Live(); }, p.m_head->readPos))) {
+                  SpinUntil([&] { return p.SpaceNow() >= piece || !p.LiveWriting(); }, p.m_head->readPos))) {
                 p.SleepForRoom(piece, left);
                 // As after the bare protocol's pause: a reader asleep on the semaphore drains the ring.
                 const int woken = p.WakeReader(ring);
@@ -686,7 +720,7 @@ int KelCycleBufferPrivate::WriteBlocking(KelCycleBuffer& ring, const char* data,
             }
         }
         piece = left < p.m_chunkSize ? left : p.m_chunkSize;
-        if (!p.Live()) return IPC_ERR_NOT_OPENED;
+        if (!p.LiveWriting()) return IPC_ERR_NOT_OPENED;
     }
 }
 
@@ -709,7 +743,7 @@ int KelCycleBufferPrivate::ReadPieces(char* buffer, int count) {
             return rc;
         } else {
             const int stored = p.DataNow();
-            if (stored < 0 || !p.Initialised() || !p.Live()) return IPC_ERR_NOT_OPENED;
+            if (stored < 0 || !p.Initialised() || !p.LiveReading()) return IPC_ERR_NOT_OPENED;
             if (stored < piece && p.PeerGone(slept)) {
                 // A dead writer adds nothing more: hand over what it left, then the code.
                 const int rest = stored > 0 ? p.ReadOnce(buffer + moved, stored) : 0;
@@ -719,14 +753,14 @@ int KelCycleBufferPrivate::ReadPieces(char* buffer, int count) {
             slept = false;
             if (stored < piece &&
                 !(PeerCanRunBeside(p.ReaderCpu(), p.WriterCpu()) &&
-                  SpinUntil([&] { return p.DataNow() >= piece || !p.Live(); }, p.m_head->writePos))) {
+                  SpinUntil([&] { return p.DataNow() >= piece || !p.LiveReading(); }, p.m_head->writePos))) {
                 const int rcSleep = p.SleepForData(piece, left, deadline.SleepMs(pollMs));
                 if (rcSleep != IPC_OK) return rcSleep;
                 slept = true;
             }
         }
         piece = left < p.m_chunkSize ? left : p.m_chunkSize;
-        if (!p.Live()) return IPC_ERR_NOT_OPENED;
+        if (!p.LiveReading()) return IPC_ERR_NOT_OPENED;
     }
 }
 
@@ -749,8 +783,8 @@ int KelCycleBufferPrivate::ReadBlocking(char* buffer, int count) {
 // The blocking forms refuse before moving a byte what they could not finish: a ring without a
 // semaphore could never wake the reader, and a caller retrying after a partial move would repeat bytes.
 // True with the result when the call ends here.
-bool KelCycleBufferPrivate::Refused(int count, int& result) const {
-    result = !Live() ? IPC_ERR_NOT_OPENED
+bool KelCycleBufferPrivate::Refused(int32_t gen, int count, int& result) const {
+    result = !Live(gen) ? IPC_ERR_NOT_OPENED
              : count == 0 ? 0
              : count < 0 ? IPC_ERR_FAILED
              : HasSemaphore() ? 1 : IPC_ERR_NOT_OPENED;
@@ -759,17 +793,21 @@ bool KelCycleBufferPrivate::Refused(int count, int& result) const {
 
 int KelCycleBuffer::BlockWrite(const char* data, int count) {
     KelCycleBufferPrivate& p = *m_private;
+    const int32_t gen = p.Generation();
     int result = 0;
-    if (p.Refused(count, result)) return result;
+    if (p.Refused(gen, count, result)) return result;
     const Turn turn(p.m_writeMutex, p.m_writing, true);
+    p.m_writeGen = gen;
     return p.ReaderGoneNow() ? IPC_ERR_PEER_GONE : p.WriteBlocking(*this, data, count);
 }
 
 int KelCycleBuffer::BlockRead(char* buffer, int count) {
     KelCycleBufferPrivate& p = *m_private;
+    const int32_t gen = p.Generation();
     int result = 0;
-    if (p.Refused(count, result)) return result;
+    if (p.Refused(gen, count, result)) return result;
     const Turn turn(p.m_readMutex, p.m_reading, true);
+    p.m_readGen = gen;
     return p.ReadBlocking(buffer, count);
 }
 
@@ -790,12 +828,17 @@ int KelCycleBuffer::Read(char* buffer, int count) {
 int KelCycleBuffer::Reset() {
     KelCycleBufferPrivate& p = *m_private;
     if (!p.Initialised()) return IPC_ERR_NOT_OPENED;
+    // Before the positions: a transfer that sees them zeroed sees the new generation and ends.
+    __atomic_fetch_add(p.GenerationWord(), 1, __ATOMIC_SEQ_CST);
     StoreRelease(p.m_head->writePos, 0);
     StoreRelease(p.m_head->readPos, 0);
     // The handshake starts over: until the ends announce themselves again, writers signal every piece
-    // (of an in-process ring, none: so a reader that may be asleep there is woken to announce itself again).
-    if (__atomic_exchange_n(p.ReaderWord(), 0, __ATOMIC_RELAXED) > 0 && p.m_systemSem == nullptr) SemRelease();
-    __atomic_store_n(p.WriterWord(), 0, __ATOMIC_RELAXED);
+    // (of an in-process ring, none). Sleepers of ours are woken to find their call ended; the swap
+    // against their announcement, after the raised generation, misses none.
+    if (__atomic_exchange_n(p.ReaderWord(), 0, __ATOMIC_SEQ_CST) > 0) SemRelease();
+    if (__atomic_exchange_n(p.WriterWord(), 0, __ATOMIC_SEQ_CST) > 0) {
+        p.Futex(p.WriterWord(), FUTEX_WAKE, INT_MAX, nullptr, "Reset");
+    }
     __atomic_store_n(p.ReaderCpu(), 0, __ATOMIC_RELAXED);
     __atomic_store_n(p.WriterCpu(), 0, __ATOMIC_RELAXED);
     return IPC_OK;
