@@ -251,6 +251,11 @@ private:
         }
     }
 
+    // An all-or-nothing transfer larger than the ring can ever hold is refused, not answered 0 for ever.
+    static bool Oversized(Kind kind, const Words& h, int count) {
+        return kind != Kind::Block && h.len >= 1 && count > h.len - 1;
+    }
+
     // A transfer can never move more than its data area, so a larger count gets a block-sized buffer:
     // touching more than that is a stray access in itself.
     size_t BufferLength(int count) const { return count <= 0 ? 0 : std::min(count, m_length); }
@@ -287,7 +292,8 @@ private:
                    "write changed a word it does not own");
         } else {
             Expect(rc == 0 || rc == IPC_ERR_FAILED || rc == IPC_ERR_NOT_OPENED ||
-                       (kind == Kind::Plain && rc == IPC_ERR_NULL),
+                       (kind == Kind::Plain && rc == IPC_ERR_NULL) ||
+                       (Oversized(kind, before, count) && rc == IPC_ERR_PARAM),
                    "write result code", 0, rc);
             Expect(SameWords(before, after), "refused write changed the header");
         }
@@ -302,6 +308,8 @@ private:
             expected = IPC_ERR_NOT_OPENED;
         } else if (kind == Kind::Block && count <= 0) {
             expected = count == 0 ? 0 : IPC_ERR_FAILED;
+        } else if (Oversized(kind, before, count)) {
+            expected = IPC_ERR_PARAM;
         } else if (count > Space()) {
             expected = 0;
         } else if (count <= 0 || null) {
@@ -342,7 +350,8 @@ private:
                    "read changed a word it does not own");
         } else {
             Expect(rc == 0 || rc == IPC_ERR_FAILED || rc == IPC_ERR_NOT_OPENED ||
-                       (kind == Kind::Plain && rc == IPC_ERR_NULL),
+                       (kind == Kind::Plain && rc == IPC_ERR_NULL) ||
+                       (Oversized(kind, before, count) && rc == IPC_ERR_PARAM),
                    "read result code", 0, rc);
             Expect(SameWords(before, after), "refused read changed the header");
             Expect(std::memcmp(buffer.data.get(), Noise(), buffer.size) == 0, "refused read wrote");
@@ -358,6 +367,8 @@ private:
             expected = IPC_ERR_NOT_OPENED;
         } else if (kind == Kind::Block && count <= 0) {
             expected = count == 0 ? 0 : IPC_ERR_FAILED;
+        } else if (Oversized(kind, before, count)) {
+            expected = IPC_ERR_PARAM;
         } else if (count > Stored()) {
             expected = 0;
         } else if (count <= 0 || null) {

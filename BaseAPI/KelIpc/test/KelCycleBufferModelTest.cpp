@@ -51,14 +51,20 @@ protected:
         // Exactly count bytes, so that a copy past them is an overflow (and under ASan a report).
         std::vector<char> data(std::max(count, 1));
         for (char& c : data) c = static_cast<char>(m_next++);
-        const int expected = count < 1 ? IPC_ERR_FAILED : count > kDataLen - 1 ? IPC_ERR_PARAM : count > Space() ? 0 : count;
+        const int expected = count < 1              ? IPC_ERR_FAILED
+                             : count > kDataLen - 1 ? IPC_ERR_PARAM
+                             : count > Space()      ? 0
+                                                    : count;
         ASSERT_EQ(expected, m_server.NonblockWrite(data.data(), count)) << "write of " << count;
         if (expected > 0) m_model.insert(m_model.end(), data.begin(), data.end());
     }
 
     void Read(int count) {
         std::vector<char> buffer(std::max(count, 1), '\x5a');
-        const int expected = count > kDataLen - 1 ? IPC_ERR_PARAM : count > Stored() ? 0 : count < 1 ? IPC_ERR_FAILED : count;
+        const int expected = count > kDataLen - 1 ? IPC_ERR_PARAM
+                             : count > Stored()   ? 0
+                             : count < 1          ? IPC_ERR_FAILED
+                                                  : count;
         ASSERT_EQ(expected, m_client.NonblockRead(buffer.data(), count)) << "read of " << count;
         if (expected <= 0) {
             ASSERT_TRUE(std::all_of(buffer.begin(), buffer.end(), [](char c) { return c == '\x5a'; }));

@@ -364,7 +364,8 @@ TEST(KelReliabilityCrash, NonBlockingCallsLearnOfAKilledPeerAfterWhatItLeft) {
     EXPECT_EQ(-1, kt::FirstWrong(got.data(), 10, 0));
     EXPECT_EQ(IPC_ERR_PEER_GONE, server.NonBlockRead(got.data(), 64));
     EXPECT_EQ(IPC_ERR_PEER_GONE, server.DataSize());
-    EXPECT_TRUE(kt::WaitUntil([&] { return server.NonBlockWrite(bytes.data(), 1) == IPC_ERR_PEER_GONE; }, kBound));
+    EXPECT_TRUE(
+        kt::WaitUntil([&] { return server.NonBlockWrite(bytes.data(), 1) == IPC_ERR_PEER_GONE; }, kBound));
     for (int call = 0; call < 32; ++call) EXPECT_EQ(IPC_ERR_PEER_GONE, server.NonBlockWrite(bytes.data(), 1));
 }
 

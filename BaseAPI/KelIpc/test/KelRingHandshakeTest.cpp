@@ -241,7 +241,7 @@ TEST(KelRingHandshake, SemAcquireAfterABlockingReadWakesForBytesThatCameSinceThe
     ASSERT_EQ(10, ring.server.BlockWrite(bytes.data(), 10));
     ASSERT_EQ(10, reader.BlockRead(bytes.data(), 10));
     ASSERT_EQ(IPC_OK, ring.sem.Reset());
-    ASSERT_EQ(0, reader.NonblockRead(bytes.data(), 10));     // the caller's look: nothing yet
+    ASSERT_EQ(0, reader.NonblockRead(bytes.data(), 10));      // the caller's look: nothing yet
     ASSERT_EQ(10, ring.server.BlockWrite(bytes.data(), 10));  // no signal: the reader is awake
     EXPECT_EQ(0, SemValue(ring.name));
     for (bool arrived : {true, false}) {

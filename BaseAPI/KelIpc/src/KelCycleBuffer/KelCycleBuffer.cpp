@@ -260,8 +260,8 @@ public:
     std::atomic<bool> m_reading{false};
     std::atomic<bool> m_detached{false};   // the channel is closing: every call of this end leaves
     std::atomic<int32_t> m_seenWrite{-1};  // writePos at this end's last look as a reader; -1: none
-    int32_t m_writeGen = 0;  // the generation the write call that has the turn began in
-    int32_t m_readGen = 0;   // the same for the read call
+    int32_t m_writeGen = 0;                // the generation the write call that has the turn began in
+    int32_t m_readGen = 0;                 // the same for the read call
     KelRingWatch m_watch;
     std::atomic<int64_t> m_nextLook{0};  // coarse clock time after which a liveness answer is stale
     std::atomic<bool> m_peerGone{false};
@@ -271,7 +271,9 @@ public:
     std::mutex m_writeMutex;
 
     bool IsRunning() const { return m_head != nullptr && LoadAcquire(m_head->running) != 0; }
-    int32_t* GenerationWord() const { return reinterpret_cast<int32_t*>(m_head->reserved + kGenerationOffset); }
+    int32_t* GenerationWord() const {
+        return reinterpret_cast<int32_t*>(m_head->reserved + kGenerationOffset);
+    }
     int32_t Generation() const { return m_head != nullptr ? LoadAcquire(*GenerationWord()) : 0; }
     // Running for a transfer of this object that began in generation gen: a closing channel ends its
     // calls whatever the peer does, and a restart ends those that began before it.
@@ -526,7 +528,8 @@ int KelCycleBufferPrivate::WriteOnce(const char* data, int count) {
     } else if (!CopyIntoRing(p.m_buffer + w, count, data, p.m_prefetch)) {
         return IPC_ERR_FAILED;
     }
-    if (!p.Publish(head->writePos, w, static_cast<int32_t>(end % len), p.m_writeGen)) return IPC_ERR_NOT_OPENED;
+    if (!p.Publish(head->writePos, w, static_cast<int32_t>(end % len), p.m_writeGen))
+        return IPC_ERR_NOT_OPENED;
     return count;
 }
 
@@ -784,10 +787,11 @@ int KelCycleBufferPrivate::ReadBlocking(char* buffer, int count) {
 // semaphore could never wake the reader, and a caller retrying after a partial move would repeat bytes.
 // True with the result when the call ends here.
 bool KelCycleBufferPrivate::Refused(int32_t gen, int count, int& result) const {
-    result = !Live(gen) ? IPC_ERR_NOT_OPENED
-             : count == 0 ? 0
-             : count < 0 ? IPC_ERR_FAILED
-             : HasSemaphore() ? 1 : IPC_ERR_NOT_OPENED;
+    result = !Live(gen)       ? IPC_ERR_NOT_OPENED
+             : count == 0     ? 0
+             : count < 0      ? IPC_ERR_FAILED
+             : HasSemaphore() ? 1
+                              : IPC_ERR_NOT_OPENED;
     return result != 1;
 }
 
@@ -933,7 +937,8 @@ void KelCycleBufferDetach(KelCycleBuffer& ring) {
     p.m_detached.store(true, std::memory_order_relaxed);
     if (!p.Initialised()) return;
     if (p.m_reading.load(std::memory_order_acquire)) ring.SemRelease();
-    if (p.m_writing.load(std::memory_order_acquire)) p.Futex(p.WriterWord(), FUTEX_WAKE, INT_MAX, nullptr, "Stop");
+    if (p.m_writing.load(std::memory_order_acquire))
+        p.Futex(p.WriterWord(), FUTEX_WAKE, INT_MAX, nullptr, "Stop");
 }
 
 bool KelCycleBufferBusy(KelCycleBuffer& ring) {

@@ -65,7 +65,7 @@ public:
     std::unique_ptr<KelIpcSockImpl> m_ipcR;
     std::unique_ptr<KelLocalSockImpl> m_localL;
     std::unique_ptr<KelLocalSockImpl> m_localR;
-    std::mutex m_mutex;  // held by Close and Stop
+    std::mutex m_mutex;           // held by Close and Stop
     std::atomic<int> m_calls{0};  // calls inside the channels
     std::atomic<bool> m_closing{false};
 };
