@@ -117,6 +117,9 @@ private:
     friend void KelCycleBufferWatch(KelCycleBuffer& ring, const KelRingWatch& watch);
     friend void KelCycleBufferDetach(KelCycleBuffer& ring);
     friend bool KelCycleBufferBusy(KelCycleBuffer& ring);
+    friend int KelCycleBufferShutdown(KelCycleBuffer& ring);
+    friend int KelCycleBufferReadSome(KelCycleBuffer& ring, char* buffer, int count);
+    friend int KelCycleBufferDrain(KelCycleBuffer& ring, int timeoutMs);
     KelCycleBufferPrivate* m_private;
 };
 

@@ -197,6 +197,12 @@ static_assert(offsetof(KelCBHead, reserved) + kWriterWordOffset == 896, "writer 
 constexpr size_t kGenerationOffset = 192;
 static_assert(offsetof(KelCBHead, reserved) + kGenerationOffset == 1024, "generation offset");
 
+// The writer's end of stream (header offset 1028): 1 once a writer of ours has shut its writing down,
+// stored after its last publication; our readers hand over what is left, then IPC_ERR_PEER_CLOSED. Only
+// Start clears it, so that it outlives the Stop of a closing writer.
+constexpr size_t kShutOffset = 196;
+static_assert(offsetof(KelCBHead, reserved) + kShutOffset == 1028, "end-of-stream offset");
+
 // Between an end's store of its own word and its load of the other side's. ThreadSanitizer rejects
 // fences; there a locked read-modify-write, which orders the same on x86, stands in.
 inline void FullFence() {
@@ -275,6 +281,8 @@ public:
         return reinterpret_cast<int32_t*>(m_head->reserved + kGenerationOffset);
     }
     int32_t Generation() const { return m_head != nullptr ? LoadAcquire(*GenerationWord()) : 0; }
+    int32_t* ShutWord() const { return reinterpret_cast<int32_t*>(m_head->reserved + kShutOffset); }
+    bool WriterShut() const { return Initialised() && LoadAcquire(*ShutWord()) != 0; }
     // Running for a transfer of this object that began in generation gen: a closing channel ends its
     // calls whatever the peer does, and a restart ends those that began before it.
     bool Live(int32_t gen) const {
@@ -315,8 +323,11 @@ public:
     int ReadNow(char* buffer, int count);
     bool Refused(int32_t gen, int count, int& result) const;
     int WriteBlocking(KelCycleBuffer& ring, const char* data, int count);
-    int ReadPieces(char* buffer, int count);
-    int ReadBlocking(char* buffer, int count);
+    int ReadPieces(char* buffer, int count, bool some);
+    int ReadBlocking(char* buffer, int count, bool some);
+    int StreamEnd(bool fresh);
+    int ReadAvailable(char* buffer, int count);
+    int EndOfRead(int rc) const;
     int32_t Batch(int piece, int left) const;
     void WakeWriter(bool anyRoom);
     void SleepForRoom(int piece, int left);
@@ -420,7 +431,7 @@ int KelCycleBufferPrivate::SleepForData(int piece, int left, int timeoutMs) {
     __atomic_store_n(word, Batch(piece, left), __ATOMIC_RELAXED);
     FullFence();
     int rc = IPC_OK;
-    if (DataNow() < piece && LiveReading()) rc = WaitOnSemaphore(timeoutMs);
+    if (DataNow() < piece && LiveReading() && !WriterShut()) rc = WaitOnSemaphore(timeoutMs);
     __atomic_store_n(word, kReaderAwake, __ATOMIC_RELAXED);
     return rc;
 }
@@ -583,10 +594,29 @@ int KelCycleBufferPrivate::ReadNow(char* buffer, int count) {
     if (!LiveReading()) return IPC_ERR_NOT_OPENED;
     if (NeverFits(count)) return IPC_ERR_PARAM;
     const int rc = ReadOnce(buffer, count);
-    if (rc != 0 || !PeerGone(false)) return rc;
-    // A dead writer adds nothing more: what it left comes now as a short count, the code after it.
+    const int end = rc == 0 ? StreamEnd(false) : 0;
+    if (end == 0) return rc;
+    // A writer that is gone adds nothing more: what it left comes now as a short count, the code after it.
+    const int rest = ReadAvailable(buffer, count);
+    return rest != 0 ? rest : end;
+}
+
+// What ends a read that finds too little: a writer of ours that shut its writing down, or one that died.
+int KelCycleBufferPrivate::StreamEnd(bool fresh) {
+    if (WriterShut()) return IPC_ERR_PEER_CLOSED;
+    return PeerGone(fresh) ? IPC_ERR_PEER_GONE : 0;
+}
+
+// Up to count of the bytes stored now; 0 when there are none.
+int KelCycleBufferPrivate::ReadAvailable(char* buffer, int count) {
     const int stored = DataNow();
-    return stored > 0 ? ReadOnce(buffer, std::min(stored, count)) : IPC_ERR_PEER_GONE;
+    return stored > 0 ? ReadOnce(buffer, std::min(stored, count)) : 0;
+}
+
+// A stopped ring whose writer had shut down still tells the end of the stream, as after a lingering Close.
+int KelCycleBufferPrivate::EndOfRead(int rc) const {
+    const bool shut = rc == IPC_ERR_NOT_OPENED && !m_detached.load(std::memory_order_relaxed) && WriterShut();
+    return shut ? IPC_ERR_PEER_CLOSED : rc;
 }
 
 namespace {
@@ -636,11 +666,11 @@ int KelCycleBuffer::NonblockWrite(const char* data, int count) {
 int KelCycleBuffer::NonblockRead(char* buffer, int count) {
     KelCycleBufferPrivate& p = *m_private;
     const int32_t gen = p.Generation();
-    if (!p.Live(gen)) return IPC_ERR_NOT_OPENED;
+    if (!p.Live(gen)) return p.EndOfRead(IPC_ERR_NOT_OPENED);
     const Turn turn(p.m_readMutex, p.m_reading, false);
     if (!turn.Held()) return 0;
     p.m_readGen = gen;
-    return p.ReadNow(buffer, count);
+    return p.EndOfRead(p.ReadNow(buffer, count));
 }
 
 // The side a ring object serves is not recorded, so each size reports a dead peer where that peer would
@@ -727,17 +757,19 @@ int KelCycleBufferPrivate::WriteBlocking(KelCycleBuffer& ring, const char* data,
     }
 }
 
-int KelCycleBufferPrivate::ReadPieces(char* buffer, int count) {
+// some: returns as soon as any byte is there, with up to count of them, instead of the whole count.
+int KelCycleBufferPrivate::ReadPieces(char* buffer, int count, bool some) {
     KelCycleBufferPrivate& p = *this;
     const Deadline deadline(p.m_watch.readTimeoutMs);
     // Only an end that can learn of its peer's death wakes now and then to look.
     const int pollMs = p.m_watch.peerGone != nullptr ? kLivenessPollMs : 0;
-    int piece = count < p.m_chunkSize ? count : p.m_chunkSize;
+    int piece = some ? 1 : std::min(count, p.m_chunkSize);
     int moved = 0;
     int left = count;
     bool slept = false;
     for (;;) {
-        const int rc = p.ReadOnce(buffer + moved, piece);
+        const int rc = some ? p.ReadAvailable(buffer, count) : p.ReadOnce(buffer + moved, piece);
+        if (some && rc != 0) return rc;
         if (rc == piece) {
             left -= piece;
             moved += piece;
@@ -747,10 +779,11 @@ int KelCycleBufferPrivate::ReadPieces(char* buffer, int count) {
         } else {
             const int stored = p.DataNow();
             if (stored < 0 || !p.Initialised() || !p.LiveReading()) return IPC_ERR_NOT_OPENED;
-            if (stored < piece && p.PeerGone(slept)) {
-                // A dead writer adds nothing more: hand over what it left, then the code.
-                const int rest = stored > 0 ? p.ReadOnce(buffer + moved, stored) : 0;
-                return EarlyEnd(moved + std::max(rest, 0), IPC_ERR_PEER_GONE);
+            const int end = stored < piece ? p.StreamEnd(slept) : 0;
+            if (end != 0) {
+                // A writer that is gone adds nothing more: hand over what it left, then the code.
+                const int rest = p.ReadAvailable(buffer + moved, left);
+                return EarlyEnd(moved + std::max(rest, 0), end);
             }
             if (stored < piece && deadline.Passed()) return EarlyEnd(moved, IPC_ERR_TIMEOUT);
             slept = false;
@@ -762,12 +795,12 @@ int KelCycleBufferPrivate::ReadPieces(char* buffer, int count) {
                 slept = true;
             }
         }
-        piece = left < p.m_chunkSize ? left : p.m_chunkSize;
+        if (!some) piece = std::min(left, p.m_chunkSize);
         if (!p.LiveReading()) return IPC_ERR_NOT_OPENED;
     }
 }
 
-int KelCycleBufferPrivate::ReadBlocking(char* buffer, int count) {
+int KelCycleBufferPrivate::ReadBlocking(char* buffer, int count, bool some) {
     KelCycleBufferPrivate& p = *this;
     // From the first blocking read on, this reader announces itself before every sleep, so writers of
     // ours need not signal while it is awake, between its reads included.
@@ -777,7 +810,7 @@ int KelCycleBufferPrivate::ReadBlocking(char* buffer, int count) {
         __atomic_store_n(word, kReaderAwake, __ATOMIC_RELAXED);
     }
     PublishCpu(p.ReaderCpu());
-    const int rc = p.ReadPieces(buffer, count);
+    const int rc = p.ReadPieces(buffer, count, some);
     // A writer waiting for more room than this call freed is not left to its pause.
     p.WakeWriter(true);
     return rc;
@@ -809,10 +842,10 @@ int KelCycleBuffer::BlockRead(char* buffer, int count) {
     KelCycleBufferPrivate& p = *m_private;
     const int32_t gen = p.Generation();
     int result = 0;
-    if (p.Refused(gen, count, result)) return result;
+    if (p.Refused(gen, count, result)) return p.EndOfRead(result);
     const Turn turn(p.m_readMutex, p.m_reading, true);
     p.m_readGen = gen;
-    return p.ReadBlocking(buffer, count);
+    return p.EndOfRead(p.ReadBlocking(buffer, count, false));
 }
 
 int KelCycleBuffer::Write(const char* data, int count) {
@@ -852,6 +885,8 @@ int KelCycleBuffer::Start() {
     KelCycleBufferPrivate& p = *m_private;
     if (p.m_head == nullptr) return IPC_ERR_NOT_OPENED;
     Reset();
+    // A new stream has no end yet; the release of the run flag below publishes this too.
+    if (p.Initialised()) __atomic_store_n(p.ShutWord(), 0, __ATOMIC_RELAXED);
     if (p.m_watch.restarted != nullptr) p.m_watch.restarted(p.m_watch.context);
     p.m_nextLook.store(0, std::memory_order_relaxed);
     // Release: a side that sees the ring running also sees the emptied positions.
@@ -930,6 +965,57 @@ int KelCycleBuffer::GetIpcStatus(KelIpcStatus& status) {
     }
     kel::memcpy_s(&status, sizeof(status), &m_private->m_head->ipcStatus, sizeof(status));
     return IPC_OK;
+}
+
+int KelCycleBufferShutdown(KelCycleBuffer& ring) {
+    KelCycleBufferPrivate& p = *ring.m_private;
+    if (!p.Initialised()) return IPC_ERR_NOT_OPENED;
+    // Release: a reader that sees the mark sees every byte published before it.
+    StoreRelease(*p.ShutWord(), 1);
+    // As the writer's signal after a piece, but whatever the reader waits for: nothing more will come.
+    FullFence();
+    const int32_t state = __atomic_load_n(p.ReaderWord(), __ATOMIC_ACQUIRE);
+    if (state > 0 || (state == 0 && p.m_systemSem != nullptr)) ring.SemRelease();
+    return IPC_OK;
+}
+
+int KelCycleBufferReadSome(KelCycleBuffer& ring, char* buffer, int count) {
+    KelCycleBufferPrivate& p = *ring.m_private;
+    if (buffer == nullptr || count < 1) return IPC_ERR_NULL;
+    const int32_t gen = p.Generation();
+    if (p.m_mode == Block) {
+        int result = 0;
+        if (p.Refused(gen, count, result)) return p.EndOfRead(result);
+        const Turn turn(p.m_readMutex, p.m_reading, true);
+        p.m_readGen = gen;
+        return p.EndOfRead(p.ReadBlocking(buffer, count, true));
+    }
+    if (!p.Live(gen)) return p.EndOfRead(IPC_ERR_NOT_OPENED);
+    const Turn turn(p.m_readMutex, p.m_reading, false);
+    if (!turn.Held()) return 0;
+    p.m_readGen = gen;
+    const int rc = p.ReadAvailable(buffer, count);
+    return p.EndOfRead(rc != 0 ? rc : p.StreamEnd(false));
+}
+
+int KelCycleBufferDrain(KelCycleBuffer& ring, int timeoutMs) {
+    KelCycleBufferPrivate& p = *ring.m_private;
+    const Deadline deadline(timeoutMs);
+    for (;;) {
+        if (!p.Initialised() || !p.IsRunning()) return IPC_ERR_NOT_OPENED;
+        if (p.Stored() == 0) return IPC_OK;
+        if (p.PeerGone(false)) return IPC_ERR_PEER_GONE;
+        if (deadline.Passed()) return IPC_ERR_TIMEOUT;
+        // Asks a reader of ours for an empty ring, as a writer waiting for room asks for its piece.
+        int32_t need = LoadRelaxed(p.m_head->dataLen) - 1;
+        __atomic_store_n(p.WriterWord(), need, __ATOMIC_RELAXED);
+        FullFence();
+        if (p.Stored() > 0 && p.IsRunning()) {
+            const timespec pause{0, kWriterPauseMs * 1000000L};
+            p.Futex(p.WriterWord(), FUTEX_WAIT, need, &pause, "Close");
+        }
+        __atomic_compare_exchange_n(p.WriterWord(), &need, 0, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED);
+    }
 }
 
 void KelCycleBufferDetach(KelCycleBuffer& ring) {

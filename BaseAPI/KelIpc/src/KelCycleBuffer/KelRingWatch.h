@@ -21,5 +21,13 @@ void KelCycleBufferWatch(KelCycleBuffer& ring, const KelRingWatch& watch);
 void KelCycleBufferDetach(KelCycleBuffer& ring);
 // Whether a transfer of this object is inside the ring.
 bool KelCycleBufferBusy(KelCycleBuffer& ring);
+// Writer side: marks the end of this end's stream after every byte it has published, and wakes the reader.
+int KelCycleBufferShutdown(KelCycleBuffer& ring);
+// Reader side: 1 to count bytes as soon as any are there, waiting or not by the attach mode (bounded by the
+// watch's read timeout); a writer that is gone ends it with the code once nothing is left.
+int KelCycleBufferReadSome(KelCycleBuffer& ring, char* buffer, int count);
+// Writer side: waits up to timeoutMs (above 0) until the reader has taken every byte. IPC_OK, or
+// IPC_ERR_TIMEOUT, IPC_ERR_PEER_GONE, IPC_ERR_NOT_OPENED (stopped: what was left is gone).
+int KelCycleBufferDrain(KelCycleBuffer& ring, int timeoutMs);
 
 #endif  // KEL_RING_WATCH_H
