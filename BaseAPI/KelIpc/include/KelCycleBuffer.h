@@ -102,8 +102,10 @@ public:
     int GetIpcStatus(KelIpcStatus& status);
 
 private:
-    friend void KelCycleBufferWatch(KelCycleBuffer& ring,
-                                    const KelRingWatch& watch);  // the library's channels
+    // The library's channels.
+    friend void KelCycleBufferWatch(KelCycleBuffer& ring, const KelRingWatch& watch);
+    friend int KelCycleBufferAttachFresh(KelCycleBuffer& ring, char* block, int length, KelSide side,
+                                         KelMode mode, KelSystemSemaphore* sem);
     KelCycleBufferPrivate* m_private;
 };
 

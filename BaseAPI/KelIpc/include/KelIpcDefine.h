@@ -14,6 +14,7 @@ constexpr int IPC_ERR_OPENED = -9997;      // already open, or the name is alrea
 constexpr int IPC_ERR_NOT_OPENED = -9996;  // not open, not attached, not running, or no peer
 constexpr int IPC_ERR_PEER_GONE = -9995;   // the other end's process died and the ring has nothing left
 constexpr int IPC_ERR_TIMEOUT = -9994;     // a bounded wait ran out before anything moved
+constexpr int IPC_ERR_ACCESS = -9992;      // an object under the name is not what it should be
 
 // A short meaning of a result code, for messages beside the number: "success" for IPC_OK, a byte-count
 // meaning for any other non-negative value, "unknown result code" for a negative value not listed above.

@@ -19,6 +19,7 @@ constexpr CodeMeaning kMeanings[] = {
     {IPC_ERR_NOT_OPENED, "not open or not running, or no server of that name"},
     {IPC_ERR_PEER_GONE, "the other end's process has died and nothing is left to read"},
     {IPC_ERR_TIMEOUT, "the wait ran out before anything moved"},
+    {IPC_ERR_ACCESS, "an object under the name belongs to another user or another name"},
 };
 
 }  // namespace
