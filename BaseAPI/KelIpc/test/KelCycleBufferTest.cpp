@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <atomic>
 #include <cstring>
 #include <future>
@@ -12,6 +13,7 @@
 
 #include "KelCycleBuffer.h"
 #include "KelSemaphore.h"
+#include "KelSystemSemaphore.h"
 #include "TestSupport.h"
 
 namespace {
@@ -269,4 +271,19 @@ TEST(KelCycleBufferBlocking, StopReleasesAWaitingWriterButLogsAndFailsWhileAWrit
     sigaction(SIGUSR1, &previous, nullptr);
     EXPECT_EQ(log.Lines("BaseAPI/KelIpc/src/KelCycleBuffer/KelCycleBuffer"),
               std::vector<std::string>{"Stop|Not Exit:1,0"});
+}
+
+// A wait that fails without a system call leaves errno as it was: an EINTR from before is no wake-up.
+TEST(KelCycleBufferBlocking, AReadWhoseSemaphoreIsNotOpenEndsInsteadOfSpinning) {
+    EXPECT_EQ(0, kt::RunInChild(
+                     [] {
+                         std::vector<char> block(kMinBlock, 0);
+                         KelSystemSemaphore closed;
+                         KelCycleBuffer ring;
+                         if (ring.AttachIpc(block.data(), kMinBlock, Server, Block, &closed) != IPC_OK) return 1;
+                         char byte = 0;
+                         errno = EINTR;
+                         return ring.BlockRead(&byte, 1) == IPC_ERR_NOT_OPENED ? 0 : 2;
+                     },
+                     5000));
 }

@@ -144,7 +144,8 @@ int KelShareMemoryPrivate::ShmClaimOpen(const char* name, int shmLength, const K
         }
         int rc = found >= 0 ? KelPeerToken::Lock(found, Server) : IPC_OK;
         if (rc == IPC_OK) {
-            (void)shm_unlink(name);
+            // Only what this server locked goes: a segment created since the look is another's claim.
+            if (found >= 0) (void)shm_unlink(name);
             m_fileMap = shm_open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, ModeOf(security));
             const int err = errno;
             if (m_fileMap < 0 && err != EEXIST) {
