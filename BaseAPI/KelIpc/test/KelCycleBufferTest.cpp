@@ -3,8 +3,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <future>
 #include <vector>
@@ -280,7 +280,8 @@ TEST(KelCycleBufferBlocking, AReadWhoseSemaphoreIsNotOpenEndsInsteadOfSpinning) 
                          std::vector<char> block(kMinBlock, 0);
                          KelSystemSemaphore closed;
                          KelCycleBuffer ring;
-                         if (ring.AttachIpc(block.data(), kMinBlock, Server, Block, &closed) != IPC_OK) return 1;
+                         if (ring.AttachIpc(block.data(), kMinBlock, Server, Block, &closed) != IPC_OK)
+                             return 1;
                          char byte = 0;
                          errno = EINTR;
                          return ring.BlockRead(&byte, 1) == IPC_ERR_NOT_OPENED ? 0 : 2;

@@ -614,7 +614,8 @@ int32_t HeaderWord(const std::string& segment, size_t offset) {
     void* at = mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0);
     close(fd);
     if (at == MAP_FAILED) return -1;
-    const int32_t word = __atomic_load_n(reinterpret_cast<int32_t*>(static_cast<char*>(at) + offset), __ATOMIC_ACQUIRE);
+    const int32_t word =
+        __atomic_load_n(reinterpret_cast<int32_t*>(static_cast<char*>(at) + offset), __ATOMIC_ACQUIRE);
     munmap(at, 4096);
     return word;
 }
@@ -664,7 +665,9 @@ void RaceOpens(KelSide side) {
         ASSERT_TRUE(kt::WaitUntil([&] { return race->ready.load() == kRacers; }, kBound));
         race->go.store(1);
         ASSERT_TRUE(kt::WaitUntil(
-            [&] { return std::none_of(race->results, race->results + kRacers, [](auto& r) { return r == 1; }); },
+            [&] {
+                return std::none_of(race->results, race->results + kRacers, [](auto& r) { return r == 1; });
+            },
             kBound));
         int winners = 0;
         for (int i = 0; i < kRacers; ++i) {
@@ -751,7 +754,8 @@ TEST(KelReliabilityOwnership, AClientTakesNoPartInARingThatNoServerHasInitialise
     EXPECT_EQ(IPC_ERR_FAILED, OpenEnd(client, Client, name));
     EXPECT_EQ(0, HeaderWord(name + "_XL_shm", KelPeerToken::kClientHeld)) << "announced in a ring not set up";
     KelCycleBuffer ring[2];
-    for (int i = 0; i < 2; ++i) ASSERT_EQ(IPC_OK, ring[i].AttachIpc(memory[i].Data(), kBlock, Server, Block, &sem[i]));
+    for (int i = 0; i < 2; ++i)
+        ASSERT_EQ(IPC_OK, ring[i].AttachIpc(memory[i].Data(), kBlock, Server, Block, &sem[i]));
     EXPECT_EQ(IPC_OK, OpenEnd(client, Client, name));
     EXPECT_EQ(1, HeaderWord(name + "_XL_shm", KelPeerToken::kClientHeld));
 }
@@ -762,7 +766,8 @@ TEST(KelReliabilityOwnership, EndsClosedInAForkedChildLeaveTheParentsChannelWhol
     ASSERT_EQ(IPC_OK, OpenEnd(server, Server, name));
     ASSERT_EQ(IPC_OK, OpenEnd(client, Client, name));
     // As the child's destructors at its exit would.
-    EXPECT_EQ(0, kt::RunInChild([&] { return server.Close() == IPC_OK && client.Close() == IPC_OK ? 0 : 1; }));
+    EXPECT_EQ(0,
+              kt::RunInChild([&] { return server.Close() == IPC_OK && client.Close() == IPC_OK ? 0 : 1; }));
     EXPECT_TRUE(server.Running());
     EXPECT_TRUE(client.Running());
     EXPECT_EQ(4, kt::ChannelObjects(name));
@@ -800,5 +805,6 @@ TEST(KelReliabilityOwnership, ALivenessLookThatFailsTakesNobodyForDead) {
     kt::LogCapture log;  // the failed look is logged
     std::vector<char> block(kBlock, 0);
     *reinterpret_cast<int32_t*>(block.data() + KelPeerToken::kServerHeld) = 1;
-    EXPECT_EQ(KelPeerToken::kUnknown, KelPeerToken::Of(-1, reinterpret_cast<KelCBHead*>(block.data()), Server));
+    EXPECT_EQ(KelPeerToken::kUnknown,
+              KelPeerToken::Of(-1, reinterpret_cast<KelCBHead*>(block.data()), Server));
 }

@@ -136,15 +136,15 @@ TEST_F(KelShareMemoryTest, ServerWithoutResetKeepsSegmentBytesAndSizeAcrossClose
 // A daemon's standard input is often closed: the next descriptor opened is then 0.
 TEST_F(KelShareMemoryTest, DescriptorZeroIsOpenedAndClosedLikeAnyOther) {
     EXPECT_EQ(0, kt::RunInChild([&] {
-        KelShareMemory server, client;
-        if (server.Open(m_name.c_str(), 4096, Server, nullptr) != IPC_OK) return 1;
-        close(0);
-        if (client.Open(m_name.c_str(), 4096, Client, nullptr) != IPC_OK) return 2;
-        if (client.Close() != IPC_OK || fcntl(0, F_GETFD) != -1) return 3;
-        if (server.Close() != IPC_OK) return 4;
-        if (server.Open(m_name.c_str(), 4096, Server, nullptr) != IPC_OK) return 5;
-        return server.Close() == IPC_OK && fcntl(0, F_GETFD) == -1 ? 0 : 6;
-    }));
+                  KelShareMemory server, client;
+                  if (server.Open(m_name.c_str(), 4096, Server, nullptr) != IPC_OK) return 1;
+                  close(0);
+                  if (client.Open(m_name.c_str(), 4096, Client, nullptr) != IPC_OK) return 2;
+                  if (client.Close() != IPC_OK || fcntl(0, F_GETFD) != -1) return 3;
+                  if (server.Close() != IPC_OK) return 4;
+                  if (server.Open(m_name.c_str(), 4096, Server, nullptr) != IPC_OK) return 5;
+                  return server.Close() == IPC_OK && fcntl(0, F_GETFD) == -1 ? 0 : 6;
+              }));
 }
 
 TEST_F(KelShareMemoryTest, SizesThatDoNotFitFailLoggingWhereAndAClientLeavesTheSegmentAlone) {

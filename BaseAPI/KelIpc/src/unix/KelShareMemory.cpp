@@ -252,15 +252,16 @@ int KelShareMemoryDescriptor(KelShareMemory& memory) {
     return memory.m_private->m_data != nullptr ? memory.m_private->m_fileMap : -1;
 }
 
-int KelShareMemoryClaim(KelShareMemory& memory, const char* name, int shmLength, const KelSecurity* security) {
+int KelShareMemoryClaim(KelShareMemory& memory, const char* name, int shmLength,
+                        const KelSecurity* security) {
     if (memory.m_private->m_data != nullptr) return IPC_ERR_OPENED;
     return memory.m_private->ShmClaimOpen(name, shmLength, security);
 }
 
 bool KelShareMemoryRelease(KelShareMemory& memory, bool remove) {
     KelShareMemoryPrivate& p = *memory.m_private;
-    const bool named = remove && p.m_data != nullptr && p.m_side == Server && p.m_reset &&
-                       StillNamed(p.m_name, p.m_fileMap);
+    const bool named =
+        remove && p.m_data != nullptr && p.m_side == Server && p.m_reset && StillNamed(p.m_name, p.m_fileMap);
     p.CleanResource(named);
     return named;
 }

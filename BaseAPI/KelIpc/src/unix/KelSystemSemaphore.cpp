@@ -69,7 +69,8 @@ bool Examine(int semId, const unsigned short (&check)[kCheckCount], SetFacts& fa
     if (semctl(semId, 0, GETALL, arg) == -1) return false;
     facts.ours = size == KelSystemSemaphore::kServerSetSize;
     facts.marked = values[KelSystemSemaphore::kMarker] == KelSystemSemaphore::kMarkerValue;
-    facts.named = facts.ours && std::equal(check, check + kCheckCount, &values[KelSystemSemaphore::kNameCheck]);
+    facts.named =
+        facts.ours && std::equal(check, check + kCheckCount, &values[KelSystemSemaphore::kNameCheck]);
     facts.servers = values[KelSystemSemaphore::kServerCount];
     return true;
 }
