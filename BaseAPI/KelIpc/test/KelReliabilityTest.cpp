@@ -808,3 +808,36 @@ TEST(KelReliabilityOwnership, ALivenessLookThatFailsTakesNobodyForDead) {
     EXPECT_EQ(KelPeerToken::kUnknown,
               KelPeerToken::Of(-1, reinterpret_cast<KelCBHead*>(block.data()), Server));
 }
+
+// An end that closes cleanly withdraws its word, then its lock goes: a look between the two must not
+// report a death.
+TEST(KelReliabilityOwnership, AnEndClosingCleanlyDuringALookIsNeverTakenForDead) {
+    const std::string segment = kt::UniqueName("look") + "_XL_shm";
+    KelShareMemory memory;
+    ASSERT_EQ(IPC_OK, memory.Open(segment.c_str(), kBlock, Server, nullptr));
+    KelCBHead* const head = reinterpret_cast<KelCBHead*>(memory.Data());
+    const auto notes = Shared<Notes>();
+    ASSERT_NE(nullptr, notes);
+    kt::Child peer([&] {
+        for (int cycle = 0; cycle < 3000; ++cycle) {
+            const int fd = shm_open(segment.c_str(), O_RDWR | O_CLOEXEC, 0);
+            KelPeerToken token;
+            if (fd < 0 || token.Hold(fd, Client, head) != IPC_OK) return 2;
+            std::this_thread::sleep_for(std::chrono::microseconds(50));
+            token.Release();
+            close(fd);
+            notes->written.store(cycle + 1);
+        }
+        return 0;
+    });
+    const int fd = shm_open(segment.c_str(), O_RDONLY | O_CLOEXEC, 0);
+    ASSERT_LE(0, fd);
+    int dead = 0;
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::milliseconds(kBound);
+    while (notes->written.load() < 3000 && std::chrono::steady_clock::now() < giveUp) {
+        dead += KelPeerToken::Of(fd, head, Client) == KelPeerToken::kDead;
+    }
+    close(fd);
+    EXPECT_EQ(0, dead);
+    EXPECT_EQ(0, peer.Wait(kBound));
+}
