@@ -23,6 +23,10 @@ size_t PidOffset(KelSide side) {
     return side == Server ? KelPeerToken::kServerPid : KelPeerToken::kClientPid;
 }
 
+size_t GenerationOffset(KelSide side) {
+    return side == Server ? KelPeerToken::kServerGeneration : KelPeerToken::kClientGeneration;
+}
+
 flock LockOf(KelSide side, short type) {
     flock lock{};
     lock.l_type = type;
@@ -63,7 +67,8 @@ int KelPeerToken::Hold(int fd, KelSide side, KelCBHead* head) {
     // Announced only over no announcement: a word still up belongs to an end that died holding it, whose
     // place the server has not given up yet, and clearing it is the server's alone (ForgetDeadPeer).
     int32_t none = 0;
-    // Release: an end that sees the announcement sees the lock already there.
+    __atomic_fetch_add(Word(head, GenerationOffset(side)), 1, __ATOMIC_RELAXED);
+    // Release: an end that sees the announcement sees the lock already there, and the new generation.
     if (!__atomic_compare_exchange_n(Word(head, HeldOffset(side)), &none, 1, false, __ATOMIC_RELEASE,
                                      __ATOMIC_RELAXED)) {
         return IPC_ERR_NOT_OPENED;
@@ -91,11 +96,15 @@ void KelPeerToken::Forget() {
 
 KelPeerToken::Liveness KelPeerToken::Of(int fd, const KelCBHead* head, KelSide side) {
     const int32_t* const word = Word(head, HeldOffset(side));
+    const int32_t* const generation = Word(head, GenerationOffset(side));
+    const int32_t before = __atomic_load_n(generation, __ATOMIC_ACQUIRE);
     if (__atomic_load_n(word, __ATOMIC_ACQUIRE) == 0) return kUnknown;
     const int held = LockHeld(fd, side);
     if (held != 0) return held > 0 ? kAlive : kUnknown;
-    // An end closing cleanly withdraws its word before its lock goes: one withdrawn meanwhile is no death.
-    return __atomic_load_n(word, __ATOMIC_ACQUIRE) == 0 ? kUnknown : kDead;
+    // The word and the lock are two looks. An end closing cleanly withdraws its word before its lock
+    // goes, and a new holder raises the generation: either meanwhile is no death.
+    if (__atomic_load_n(word, __ATOMIC_ACQUIRE) == 0) return kUnknown;
+    return __atomic_load_n(generation, __ATOMIC_ACQUIRE) == before ? kDead : kUnknown;
 }
 
 KelPeerToken::Liveness KelPeerToken::Peer() const {

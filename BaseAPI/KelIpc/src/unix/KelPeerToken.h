@@ -20,6 +20,10 @@ public:
     static constexpr size_t kClientHeld = 964;
     static constexpr size_t kServerPid = 968;
     static constexpr size_t kClientPid = 972;
+    // Each side's generation, raised at every announcement: a look tells a new holder from the one it
+    // began with.
+    static constexpr size_t kServerGeneration = 976;
+    static constexpr size_t kClientGeneration = 980;
 
     KelPeerToken() = default;
     KelPeerToken(const KelPeerToken&) = delete;
