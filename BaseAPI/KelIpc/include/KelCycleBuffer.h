@@ -120,6 +120,8 @@ private:
     friend int KelCycleBufferShutdown(KelCycleBuffer& ring);
     friend int KelCycleBufferReadSome(KelCycleBuffer& ring, char* buffer, int count);
     friend int KelCycleBufferDrain(KelCycleBuffer& ring, int timeoutMs);
+    friend int KelCycleBufferAttachFresh(KelCycleBuffer& ring, char* block, int length, KelSide side,
+                                         KelMode mode, KelSystemSemaphore* sem);
     KelCycleBufferPrivate* m_private;
 };
 

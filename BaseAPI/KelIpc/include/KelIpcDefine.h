@@ -15,6 +15,7 @@ constexpr int IPC_ERR_NOT_OPENED = -9996;  // not open, not attached, not runnin
 constexpr int IPC_ERR_PEER_GONE = -9995;   // the other end's process died and the ring has nothing left
 constexpr int IPC_ERR_TIMEOUT = -9994;     // a bounded wait ran out before anything moved
 constexpr int IPC_ERR_PEER_CLOSED = -9993; // the other end shut its writing down and every byte is read
+constexpr int IPC_ERR_ACCESS = -9992;      // an object under the name is not what it should be
 
 // A short meaning of a result code, for messages beside the number: "success" for IPC_OK, a byte-count
 // meaning for any other non-negative value, "unknown result code" for a negative value not listed above.

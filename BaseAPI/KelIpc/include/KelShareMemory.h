@@ -40,7 +40,11 @@ public:
     char* Data();  // the mapping, null when not open
     void Reset();  // zeroes the whole mapping when open
 private:
-    friend int KelShareMemoryDescriptor(KelShareMemory& memory);  // the library's liveness tokens
+    // The library's channels: liveness tokens, claiming a name, releasing only what is still theirs.
+    friend int KelShareMemoryDescriptor(KelShareMemory& memory);
+    friend int KelShareMemoryClaim(KelShareMemory& memory, const char* name, int shmLength,
+                                   const KelSecurity* security);
+    friend bool KelShareMemoryRelease(KelShareMemory& memory, bool remove);
     KelShareMemoryPrivate* m_private;
 };
 

@@ -20,6 +20,7 @@ constexpr CodeMeaning kMeanings[] = {
     {IPC_ERR_PEER_GONE, "the other end's process has died and nothing is left to read"},
     {IPC_ERR_TIMEOUT, "the wait ran out before anything moved"},
     {IPC_ERR_PEER_CLOSED, "the other end has shut its writing down and everything it wrote is read"},
+    {IPC_ERR_ACCESS, "an object under the name belongs to another user or another name"},
 };
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include "KelIpcLog.h"
 #include "unix/KelShareMemoryDescriptor.h"
+#include "unix/KelSystemSemaphoreChannel.h"
 
 namespace {
 
@@ -24,27 +25,24 @@ int KelIpcSockImpl::Open(KelSide side, const char* name, int size, KelSystemSema
     if (m_ring.Opened()) return IPC_ERR_OPENED;
     if (name == nullptr) return IPC_ERR_NULL;
     const std::string base(name);
-    int rc = m_memory.Open((base + "_shm").c_str(), size, side, security);
+    m_opener = getpid();
+    // A server claims the name before it replaces anything: of servers opening it at once, one goes on.
+    int rc = side == Server ? KelShareMemoryClaim(m_memory, (base + "_shm").c_str(), size, security)
+                            : m_memory.Open((base + "_shm").c_str(), size, side, security);
     if (rc != IPC_OK) {
-        KEL_IPC_LOG(kLogPath, "Open", "KelShareMemory Open fail, rc=%d", rc);
+        if (rc != IPC_ERR_OPENED) KEL_IPC_LOG(kLogPath, "Open", "KelShareMemory Open fail, rc=%d", rc);
         CleanResource();
         return rc;
     }
     const int fd = KelShareMemoryDescriptor(m_memory);
     KelCBHead* const head = reinterpret_cast<KelCBHead*>(m_memory.Data());
-    if (side == Client) {
-        // Attaching beside a dead server's ring would wait for ever; beside a dead client's, the server
-        // would read the old stream's tail and the new one as one.
-        rc = KelPeerToken::Of(fd, head, Server) == KelPeerToken::kDead   ? IPC_ERR_PEER_GONE
-             : KelPeerToken::Of(fd, head, Client) == KelPeerToken::kDead ? IPC_ERR_NOT_OPENED
-                                                                         : IPC_OK;
-        if (rc != IPC_OK) {
-            CleanResource();
-            return rc;
-        }
+    // Attaching beside a dead server's ring would wait for ever.
+    if (side == Client && KelPeerToken::Of(fd, head, Server) == KelPeerToken::kDead) {
+        CleanResource();
+        return IPC_ERR_PEER_GONE;
     }
     if (semaphore == nullptr) {
-        rc = m_semaphore.Open((base + "_ssm").c_str(), side, security);
+        rc = KelSystemSemaphoreOpenChannel(m_semaphore, (base + "_ssm").c_str(), side, security);
         if (rc != IPC_OK) {
             KEL_IPC_LOG(kLogPath, "Open", "KelSystemSemaphore Open fail, rc=%d", rc);
             CleanResource();
@@ -52,14 +50,20 @@ int KelIpcSockImpl::Open(KelSide side, const char* name, int size, KelSystemSema
         }
         semaphore = &m_semaphore;
     }
-    rc = m_ring.Buffer().AttachIpc(m_memory.Data(), size, side, mode, semaphore);
+    rc = KelCycleBufferAttachFresh(m_ring.Buffer(), m_memory.Data(), size, side, mode, semaphore);
     if (rc != IPC_OK) {
         KEL_IPC_LOG(kLogPath, "Open", "KelCycleBuffer AttachIpc fail, rc=%d", rc);
         CleanResource();
         return rc;
     }
-    // A second client finds the token taken and goes on without one: nobody learns of its death.
-    m_token.Hold(fd, side, head);
+    // A client takes part only with its token: beside a live client it would merge its stream into the
+    // other's, and beside a dead one not yet given up the new stream would join the old one's tail. The
+    // client byte of L decides between clients opening at once; R follows L's winner.
+    rc = m_token.Hold(fd, side, head);
+    if (rc != IPC_OK) {
+        CleanResource();
+        return rc;
+    }
     watch.peerGone = PeerGone;
     watch.restarted = Restarted;
     watch.context = &m_token;
@@ -69,19 +73,26 @@ int KelIpcSockImpl::Open(KelSide side, const char* name, int size, KelSystemSema
 }
 
 int KelIpcSockImpl::Close(bool stop) {
-    if (!m_ring.Close(kLogPath, stop)) return IPC_ERR_NOT_OPENED;
+    if (!m_ring.Close(kLogPath, stop && Opener())) return IPC_ERR_NOT_OPENED;
     CleanResource();
     return IPC_OK;
 }
 
 void KelIpcSockImpl::CleanResource() {
-    m_token.Release();
-    if (m_memory.Data() != nullptr) {
-        const int rc = m_memory.Close();
-        if (rc != IPC_OK) KEL_IPC_LOG(kLogPath, "CleanResource", "KelShareMemory Close fail, rc=%d", rc);
+    const bool opener = Opener();
+    if (opener) {
+        m_token.Release();
+    } else {
+        m_token.Forget();
     }
-    if (m_semaphore.Opened()) {
-        const int rc = m_semaphore.Close();
-        if (rc != IPC_OK) KEL_IPC_LOG(kLogPath, "CleanResource", "KelSystemSemaphore Close fail, rc=%d", rc);
+    // A server removes its names only while they are still its own; its set goes with them. A published-
+    // protocol server that replaced our segments uses the set under the same key.
+    const bool removed = KelShareMemoryRelease(m_memory, opener);
+    if (!m_semaphore.Opened()) return;
+    if (!removed) {
+        KelSystemSemaphoreAbandon(m_semaphore);
+        return;
     }
+    const int rc = m_semaphore.Close();
+    if (rc != IPC_OK) KEL_IPC_LOG(kLogPath, "CleanResource", "KelSystemSemaphore Close fail, rc=%d", rc);
 }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <future>
 #include <vector>
@@ -12,6 +13,7 @@
 
 #include "KelCycleBuffer.h"
 #include "KelSemaphore.h"
+#include "KelSystemSemaphore.h"
 #include "TestSupport.h"
 
 namespace {
@@ -293,4 +295,20 @@ TEST(KelCycleBufferBlocking, InProcessWritersSignalOnlyAReaderThatMaySleep) {
     ASSERT_EQ(100, ring.server.BlockWrite(bytes.data(), 100));
     EXPECT_TRUE(kt::Ready(acquire, 5000));
     ring.server.Stop();  // releases whichever wait the assertions above found stuck
+}
+
+// A wait that fails without a system call leaves errno as it was: an EINTR from before is no wake-up.
+TEST(KelCycleBufferBlocking, AReadWhoseSemaphoreIsNotOpenEndsInsteadOfSpinning) {
+    EXPECT_EQ(0, kt::RunInChild(
+                     [] {
+                         std::vector<char> block(kMinBlock, 0);
+                         KelSystemSemaphore closed;
+                         KelCycleBuffer ring;
+                         if (ring.AttachIpc(block.data(), kMinBlock, Server, Block, &closed) != IPC_OK)
+                             return 1;
+                         char byte = 0;
+                         errno = EINTR;
+                         return ring.BlockRead(&byte, 1) == IPC_ERR_NOT_OPENED ? 0 : 2;
+                     },
+                     5000));
 }

@@ -1,6 +1,8 @@
 // Shared-memory segment: who creates, replaces and removes a segment, what a failed open leaves, and
 // that two processes share the bytes. Segment state is read from /dev/shm, not through the class.
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -120,6 +122,29 @@ TEST_F(KelShareMemoryTest, ServerWithoutResetKeepsSegmentBytesAndSizeAcrossClose
     EXPECT_EQ(std::count(again.Data(), again.Data() + 2048, 0), 2048);
     EXPECT_EQ(again.Close(), IPC_OK);
     EXPECT_TRUE(kt::ShmExists(m_name));
+    // Mapped past its end, a shorter segment would fault at the first access.
+    kt::LogCapture log;
+    errno = 0;
+    EXPECT_EQ(again.Open(m_name.c_str(), 8192, Server, nullptr, false), IPC_ERR_FAILED);
+    EXPECT_EQ(again.Data(), nullptr);
+    EXPECT_EQ(StatOf(m_name).size, 4096);
+    EXPECT_EQ(log.Lines(kSource),
+              (Expected{"ShmNoResetOpen|fstat fail, rc=0, errno=0, st.st_size=4096, shmLength=8192",
+                        "ShmServerOpen|shm_open failed"}));
+}
+
+// A daemon's standard input is often closed: the next descriptor opened is then 0.
+TEST_F(KelShareMemoryTest, DescriptorZeroIsOpenedAndClosedLikeAnyOther) {
+    EXPECT_EQ(0, kt::RunInChild([&] {
+                  KelShareMemory server, client;
+                  if (server.Open(m_name.c_str(), 4096, Server, nullptr) != IPC_OK) return 1;
+                  close(0);
+                  if (client.Open(m_name.c_str(), 4096, Client, nullptr) != IPC_OK) return 2;
+                  if (client.Close() != IPC_OK || fcntl(0, F_GETFD) != -1) return 3;
+                  if (server.Close() != IPC_OK) return 4;
+                  if (server.Open(m_name.c_str(), 4096, Server, nullptr) != IPC_OK) return 5;
+                  return server.Close() == IPC_OK && fcntl(0, F_GETFD) == -1 ? 0 : 6;
+              }));
 }
 
 TEST_F(KelShareMemoryTest, SizesThatDoNotFitFailLoggingWhereAndAClientLeavesTheSegmentAlone) {

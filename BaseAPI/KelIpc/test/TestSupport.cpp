@@ -48,9 +48,13 @@ const testing::Environment* const g_cleanup = testing::AddGlobalTestEnvironment(
 std::string UniqueName(const char* tag) {
     static std::atomic<int> counter{0};
     std::string name = "kt" + std::to_string(getpid()) + "_" + std::to_string(counter++) + "_" + tag;
+    Track(name);
+    return name;
+}
+
+void Track(const std::string& name) {
     std::lock_guard<std::mutex> lock(g_namesMutex);
     g_names.push_back(name);
-    return name;
 }
 
 struct LogCapture::State {

@@ -19,6 +19,8 @@ namespace kt {
 // from it (any "_shm" segment, any "_ssm" semaphore of the usual channel suffixes) is removed when the
 // test ends, also when it fails.
 std::string UniqueName(const char* tag);
+// Removes the objects derived from name as well when the test ends, as for a name from UniqueName.
+void Track(const std::string& name);
 
 // Collects the logger's records while alive; restores the default sink afterwards.
 class LogCapture {

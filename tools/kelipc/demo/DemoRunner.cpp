@@ -223,14 +223,15 @@ bool DemoRunner::Supervise(const std::vector<DemoEndpoint*>& ends, const std::ve
     };
     const char* reason = nullptr;
     while (!reason && !allDone()) {
+        // A lost peer first: the transfers it leaves fail with its death at about the same moment.
         if (StopSignal::Requested())
             reason = "interrupted";
+        else if (peerLost && peerLost())
+            reason = "the client process exited";
         else if (anyFailed())
             reason = "a transfer failed";
         else if (Clock::now() > deadline)
             reason = "timed out";
-        else if (peerLost && peerLost())
-            reason = "the client process exited";
         else
             std::this_thread::sleep_for(10ms);
         if (m_progress && progress) m_progress->Bytes(m_progressBase + progress(), m_progressTotal);

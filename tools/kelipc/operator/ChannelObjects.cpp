@@ -257,7 +257,8 @@ ChannelObjects::Semaphore ChannelObjects::StatSet(int id) {
     semaphore.value = value;
     semaphore.waiters = waiters;
     semaphore.zeroWaiters = zeroWaiters;
-    if (semaphore.count == KelSystemSemaphore::kServerSetSize) {
+    // A server of this library (of this or an older layout) keeps its marker and live count here.
+    if (semaphore.count > KelSystemSemaphore::kServerCount) {
         const int marker = semctl(id, KelSystemSemaphore::kMarker, GETVAL);
         const int servers = marker == -1 ? -1 : semctl(id, KelSystemSemaphore::kServerCount, GETVAL);
         if (marker == -1 || servers == -1) {

@@ -308,6 +308,8 @@ public:
         return len < 1 ? 0 : Free(len, LoadAcquire(m_head->writePos), LoadAcquire(m_head->readPos));
     }
 
+    // clear false: the block is fresh (already zero) and a client refuses it uninitialised.
+    int Attach(char* block, int length, KelSide side, KelMode mode, bool clear);
     int DataNow() const;
     int SpaceNow() const;
     bool PeerGone(bool fresh);
@@ -398,8 +400,13 @@ int KelCycleBufferPrivate::WaitOnSemaphore(int timeoutMs) {
     }
     const int rc = m_systemSem->AcquireFor(timeoutMs);
     if (rc == IPC_OK || rc == IPC_ERR_TIMEOUT) return IPC_OK;
-    // An interrupted wait counts as a wake-up: the caller tests the ring again.
-    return errno == EINTR || errno == EAGAIN ? IPC_OK : IPC_ERR_FAILED;
+    // Only a failed wait leaves errno to read: otherwise it is stale.
+    if (rc != IPC_ERR_FAILED) return rc;
+    const int err = errno;
+    // An interrupted wait counts as a wake-up: the caller tests the ring again. A set removed under the
+    // wait (its server closed) leaves no channel.
+    if (err == EINTR || err == EAGAIN) return IPC_OK;
+    return err == EIDRM || err == EINVAL ? IPC_ERR_NOT_OPENED : IPC_ERR_FAILED;
 }
 
 // Writer side, after a piece is published (or a pause for room): signals unless a reader of ours is
@@ -479,17 +486,25 @@ KelCycleBuffer::~KelCycleBuffer() {
 }
 
 int KelCycleBuffer::Attach(char* block, int length, KelSide side, KelMode mode) {
-    KelCycleBufferPrivate& p = *m_private;
+    return m_private->Attach(block, length, side, mode, true);
+}
+
+int KelCycleBufferPrivate::Attach(char* block, int length, KelSide side, KelMode mode, bool clear) {
+    KelCycleBufferPrivate& p = *this;
     std::lock_guard<std::mutex> lock(p.m_attachMutex);
     if (block == nullptr || length < kMinBlockLength) return IPC_ERR_PARAM;
     p.m_detached.store(false, std::memory_order_relaxed);
     // An unknown side would leave a half-attached object behind; refuse it like a short block.
     if (side != Server && side != Client) return IPC_ERR_PARAM;
+    // A client of ours takes no part in a ring that no server has initialised yet.
+    if (!clear && side == Client && LoadAcquire(reinterpret_cast<KelCBHead*>(block)->dataLen) < 1) {
+        return IPC_ERR_FAILED;
+    }
     p.m_side = side;
     p.m_mode = mode;
     p.m_chunkSize = length / kChunkDivisor < kMinChunk ? kMinChunk : length / kChunkDivisor;
     if (side == Server) {
-        if (kel::memset_s(block, static_cast<size_t>(length), 0, static_cast<size_t>(length)) != 0) {
+        if (clear && kel::memset_s(block, static_cast<size_t>(length), 0, static_cast<size_t>(length)) != 0) {
             return IPC_ERR_FAILED;
         }
         p.m_head = reinterpret_cast<KelCBHead*>(block);
@@ -1030,6 +1045,13 @@ void KelCycleBufferDetach(KelCycleBuffer& ring) {
 bool KelCycleBufferBusy(KelCycleBuffer& ring) {
     const KelCycleBufferPrivate& p = *ring.m_private;
     return p.m_reading.load(std::memory_order_acquire) || p.m_writing.load(std::memory_order_acquire);
+}
+
+int KelCycleBufferAttachFresh(KelCycleBuffer& ring, char* block, int length, KelSide side, KelMode mode,
+                              KelSystemSemaphore* sem) {
+    ring.m_private->m_systemSem = sem;
+    ring.m_private->m_side = side;
+    return ring.m_private->Attach(block, length, side, mode, false);
 }
 
 void KelCycleBufferWatch(KelCycleBuffer& ring, const KelRingWatch& watch) {

@@ -30,4 +30,11 @@ int KelCycleBufferReadSome(KelCycleBuffer& ring, char* buffer, int count);
 // IPC_ERR_TIMEOUT, IPC_ERR_PEER_GONE, IPC_ERR_NOT_OPENED (stopped: what was left is gone).
 int KelCycleBufferDrain(KelCycleBuffer& ring, int timeoutMs);
 
+// The cross-process channel's attach. A server's block is a segment just created, zero already:
+// clearing it again would erase a client that mapped it meanwhile. A client refuses (IPC_ERR_FAILED,
+// as when no server is there) a block that no server has initialised yet, so that it never takes part in
+// a ring still being set up. Otherwise as AttachIpc.
+int KelCycleBufferAttachFresh(KelCycleBuffer& ring, char* block, int length, KelSide side, KelMode mode,
+                              KelSystemSemaphore* sem);
+
 #endif  // KEL_RING_WATCH_H

@@ -4,7 +4,6 @@
 
 #include "KelDateTime.h"
 #include "KelIpcLog.h"
-#include "unix/KelPeerToken.h"
 
 namespace {
 const char kLogPath[] = "BaseAPI/KelIpc/src/KelIpc/KelIpcSocketPrivate";
@@ -49,14 +48,11 @@ int KelIpcSocketPrivate::SetOption(KelIpcOptionName name, void* value) {
 
 int KelIpcSocketPrivate::OpenIpc(KelSide side, const char* name, const KelSecurity* security) {
     const std::string base(name);
-    // A live server keeps its name: replacing its objects would leave it running, unreachable.
-    if (side == Server && (KelPeerToken::ServerAlive((base + "_XL_shm").c_str()) ||
-                           KelPeerToken::ServerAlive((base + "_XR_shm").c_str()))) {
-        return IPC_ERR_OPENED;
-    }
     m_side = side;
     m_ipcL.reset(new KelIpcSockImpl);
     m_ipcR.reset(new KelIpcSockImpl);
+    // L decides between ends of one side opening at once (a server's claim of the name, a client's
+    // token); R follows L's winner, so the two directions never go to two ends.
     int rc = m_ipcL->Open(side, (base + "_XL").c_str(), m_lSize,
                           static_cast<KelSystemSemaphore*>(m_lSemaphore), security, m_lMode, m_watch);
     if (rc == IPC_OK) {

@@ -20,23 +20,33 @@ public:
     static constexpr size_t kClientHeld = 964;
     static constexpr size_t kServerPid = 968;
     static constexpr size_t kClientPid = 972;
+    // Each side's generation, raised at every announcement: a look tells a new holder from the one it
+    // began with.
+    static constexpr size_t kServerGeneration = 976;
+    static constexpr size_t kClientGeneration = 980;
 
     KelPeerToken() = default;
     KelPeerToken(const KelPeerToken&) = delete;
     KelPeerToken& operator=(const KelPeerToken&) = delete;
 
-    // Takes this side's token through fd and announces it in head. False, holding nothing, when a live
-    // end of the same side holds it already, or when the lock fails (logged).
-    bool Hold(int fd, KelSide side, KelCBHead* head);
+    // Locks side's byte through fd: IPC_OK (also when fd's description holds it already),
+    // IPC_ERR_OPENED when another description holds it, IPC_ERR_FAILED (logged).
+    static int Lock(int fd, KelSide side);
+    // Takes this side's token through fd and announces it in head. On failure nothing is announced (a
+    // lock taken stays with fd until it closes): IPC_ERR_OPENED when a live end of the side holds it,
+    // IPC_ERR_NOT_OPENED when the announcement of an end that died is still up (the server gives a dead
+    // client up in Start), IPC_ERR_FAILED (logged).
+    int Hold(int fd, KelSide side, KelCBHead* head);
     // Withdraws the announcement; the lock itself goes with the descriptor.
     void Release();
+    // Drops the token without withdrawing it: the end is closed in a process that did not open it, and
+    // the opener still holds the token.
+    void Forget();
     // A side's liveness as seen through fd and head.
     static Liveness Of(int fd, const KelCBHead* head, KelSide side);
     Liveness Peer() const;
     // Server only: a dead client's announcement is cleared so that the next client may attach.
     void ForgetDeadPeer();
-    // True when a live server holds the segment of that name.
-    static bool ServerAlive(const char* shmName);
 
 private:
     int m_fd = -1;

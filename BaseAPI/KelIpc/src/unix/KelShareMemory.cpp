@@ -10,6 +10,7 @@
 #include <string>
 
 #include "KelIpcLog.h"
+#include "KelPeerToken.h"
 #include "KelSecureMem.h"
 #include "KelShareMemoryDescriptor.h"
 
@@ -17,9 +18,23 @@ namespace {
 
 constexpr const char* kSource = "BaseAPI/KelIpc/src/unix/KelShareMemory";
 constexpr mode_t kDefaultMode = 0660;
+// A claim that keeps finding a segment created after its unlink yields to the servers creating them.
+constexpr int kClaimAttempts = 8;
 
 mode_t ModeOf(const KelSecurity* security) {
     return security != nullptr ? static_cast<mode_t>(security->mode) : kDefaultMode;
+}
+
+// Whether name still refers to the segment open on fd: it may have been replaced since.
+bool StillNamed(const std::string& name, int fd) {
+    const int named = shm_open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);
+    if (named < 0) return false;
+    struct stat mine {};
+    struct stat found {};
+    const bool same = fstat(fd, &mine) == 0 && fstat(named, &found) == 0 && mine.st_dev == found.st_dev &&
+                      mine.st_ino == found.st_ino;
+    close(named);
+    return same;
 }
 
 }  // namespace
@@ -36,9 +51,11 @@ public:
     int ShmResetOpen(const char* name, int shmLength, const KelSecurity* security);
     int ShmNoResetOpen(const char* name, int shmLength, const KelSecurity* security);
     int ShmClientOpen(const char* name, int shmLength);
-    void CleanResource();
+    int ShmClaimOpen(const char* name, int shmLength, const KelSecurity* security);
+    // unlink false keeps the name whatever the side and reset say.
+    void CleanResource(bool unlink = true);
 
-    int32_t m_fileMap = -1;  // 0 or less: no descriptor held
+    int32_t m_fileMap = -1;  // -1: no descriptor held
     std::string m_name;
     char* m_data = nullptr;  // non-null exactly while open
     int32_t m_length = 0;
@@ -48,6 +65,8 @@ public:
 private:
     // Maps the descriptor and records the open; on failure releases everything and returns false.
     bool Map(const char* function, const char* name, int shmLength);
+    // Gives the new segment on m_fileMap exactly the mode asked for and its length.
+    int Shape(const char* function, int shmLength, const KelSecurity* security);
 };
 
 bool KelShareMemoryPrivate::Map(const char* function, const char* name, int shmLength) {
@@ -85,38 +104,94 @@ int KelShareMemoryPrivate::ShmServerOpen(const char* name, int shmLength, const 
 int KelShareMemoryPrivate::ShmResetOpen(const char* name, int shmLength, const KelSecurity* security) {
     // Exclusive: the name was just unlinked, so EEXIST means another process created it in between.
     m_fileMap = shm_open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, ModeOf(security));
-    if (m_fileMap <= 0) {
+    if (m_fileMap < 0) {
         KEL_IPC_LOG(kSource, "ShmResetOpen", "shm_open fail, m_fileMap=%d, errno=%d", m_fileMap, errno);
         CleanResource();
         return IPC_ERR_FAILED;
     }
+    return Shape("ShmResetOpen", shmLength, security);
+}
+
+int KelShareMemoryPrivate::Shape(const char* function, int shmLength, const KelSecurity* security) {
     // The process umask narrowed the creation mode; set exactly the bits asked for, leaving the mask alone.
     if (fchmod(m_fileMap, ModeOf(security)) != 0) {
-        KEL_IPC_LOG(kSource, "ShmResetOpen", "fchmod fail, errno=%d", errno);
+        KEL_IPC_LOG(kSource, function, "fchmod fail, errno=%d", errno);
         CleanResource();
         return IPC_ERR_FAILED;
     }
     const int rc = ftruncate(m_fileMap, static_cast<off_t>(shmLength));
     if (rc < 0) {
-        KEL_IPC_LOG(kSource, "ShmResetOpen", "ftruncate fail, rc=%d, errno=%d", rc, errno);
+        KEL_IPC_LOG(kSource, function, "ftruncate fail, rc=%d, errno=%d", rc, errno);
         CleanResource();
         return IPC_ERR_FAILED;
     }
     return IPC_OK;
 }
 
+// Two servers of ours opening one name at once must not both go on: each would replace the other's
+// segment. The server byte (the server's liveness lock) of the segment found under the name, and of the
+// one created, decides: a server goes on only when it locked both and the name still refers to the
+// segment it created. Whoever replaces a segment locked it first, so once locked and still named, the
+// new segment stays this server's.
+int KelShareMemoryPrivate::ShmClaimOpen(const char* name, int shmLength, const KelSecurity* security) {
+    m_side = Server;
+    m_reset = true;
+    for (int attempt = 0; attempt < kClaimAttempts; ++attempt) {
+        const int found = shm_open(name, O_RDWR | O_CLOEXEC, 0);
+        if (found < 0 && errno != ENOENT) {
+            KEL_IPC_LOG(kSource, "ShmClaimOpen", "shm_open fail, m_fileMap=%d, errno=%d", found, errno);
+            return IPC_ERR_FAILED;
+        }
+        int rc = found >= 0 ? KelPeerToken::Lock(found, Server) : IPC_OK;
+        if (rc == IPC_OK) {
+            // Only what this server locked goes: a segment created since the look is another's claim.
+            if (found >= 0) (void)shm_unlink(name);
+            m_fileMap = shm_open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, ModeOf(security));
+            const int err = errno;
+            if (m_fileMap < 0 && err != EEXIST) {
+                KEL_IPC_LOG(kSource, "ShmClaimOpen", "shm_open fail, m_fileMap=%d, errno=%d", m_fileMap, err);
+                rc = IPC_ERR_FAILED;
+            } else if (m_fileMap >= 0) {
+                rc = KelPeerToken::Lock(m_fileMap, Server);
+                if (rc == IPC_OK && !StillNamed(name, m_fileMap)) rc = IPC_ERR_OPENED;
+                if (rc == IPC_OK) rc = Shape("ShmClaimOpen", shmLength, security);
+            }
+        }
+        if (found >= 0) close(found);
+        if (rc != IPC_OK) {
+            CleanResource();
+            return rc;
+        }
+        // Created after our unlink by another server: claim that one in turn.
+        if (m_fileMap < 0) continue;
+        return Map("ShmClaimOpen", name, shmLength) ? IPC_OK : IPC_ERR_FAILED;
+    }
+    return IPC_ERR_OPENED;
+}
+
 int KelShareMemoryPrivate::ShmNoResetOpen(const char* name, int shmLength, const KelSecurity* security) {
     const mode_t mode = ModeOf(security);
     // An existing segment is taken as it is: bytes and size untouched.
     m_fileMap = shm_open(name, O_RDWR | O_CLOEXEC, mode);
-    if (m_fileMap > 0) return IPC_OK;
+    if (m_fileMap >= 0) {
+        // Mapped past its end, a shorter segment would fault at the first access.
+        struct stat st {};
+        const int rc = fstat(m_fileMap, &st);
+        const int err = errno;
+        if (rc < 0 || static_cast<int64_t>(st.st_size) < static_cast<int64_t>(shmLength)) {
+            KEL_IPC_LOG(kSource, "ShmNoResetOpen", "fstat fail, rc=%d, errno=%d, st.st_size=%d, shmLength=%d",
+                        rc, err, static_cast<int>(st.st_size), shmLength);
+            return IPC_ERR_FAILED;
+        }
+        return IPC_OK;
+    }
     if (errno != ENOENT) {
         const int err = errno;
         KEL_IPC_LOG(kSource, "ShmNoResetOpen", "shm_open fail, errno=%d: %s", err, strerror(err));
         return IPC_ERR_FAILED;
     }
     m_fileMap = shm_open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-    if (m_fileMap <= 0) {
+    if (m_fileMap < 0) {
         KEL_IPC_LOG(kSource, "ShmNoResetOpen", "shm_open fail, m_fileMap=%d, errno=%d", m_fileMap, errno);
         CleanResource();
         return IPC_ERR_FAILED;
@@ -151,7 +226,7 @@ int KelShareMemoryPrivate::ShmClientOpen(const char* name, int shmLength) {
     return Map("ShmClientOpen", name, shmLength) ? IPC_OK : IPC_ERR_FAILED;
 }
 
-void KelShareMemoryPrivate::CleanResource() {
+void KelShareMemoryPrivate::CleanResource(bool unlink) {
     // Only a completed open has a mapping here: failure paths reach this with m_data null, and the
     // segment they may have created stays for the next reset open to replace.
     const bool releasingOpen = m_data != nullptr;
@@ -161,13 +236,13 @@ void KelShareMemoryPrivate::CleanResource() {
         m_data = nullptr;
         m_length = 0;
     }
-    if (m_fileMap > 0) {
+    if (m_fileMap >= 0) {
         const int rc = close(m_fileMap);
         if (rc != 0) KEL_IPC_LOG(kSource, "CleanResource", "close fail, rc=%d, errno=%d", rc, errno);
         m_fileMap = -1;
     }
     // Only the creator removes the segment; a server opened without reset leaves it for the next one.
-    if (releasingOpen && m_side == Server && m_reset) {
+    if (unlink && releasingOpen && m_side == Server && m_reset) {
         const int rc = shm_unlink(m_name.c_str());
         if (rc != 0) KEL_IPC_LOG(kSource, "CleanResource", "shm_unlink fail, rc=%d, errno=%d", rc, errno);
     }
@@ -175,6 +250,20 @@ void KelShareMemoryPrivate::CleanResource() {
 
 int KelShareMemoryDescriptor(KelShareMemory& memory) {
     return memory.m_private->m_data != nullptr ? memory.m_private->m_fileMap : -1;
+}
+
+int KelShareMemoryClaim(KelShareMemory& memory, const char* name, int shmLength,
+                        const KelSecurity* security) {
+    if (memory.m_private->m_data != nullptr) return IPC_ERR_OPENED;
+    return memory.m_private->ShmClaimOpen(name, shmLength, security);
+}
+
+bool KelShareMemoryRelease(KelShareMemory& memory, bool remove) {
+    KelShareMemoryPrivate& p = *memory.m_private;
+    const bool named =
+        remove && p.m_data != nullptr && p.m_side == Server && p.m_reset && StillNamed(p.m_name, p.m_fileMap);
+    p.CleanResource(named);
+    return named;
 }
 
 KelShareMemory::KelShareMemory() : m_private(new KelShareMemoryPrivate) {}
@@ -206,7 +295,7 @@ int KelShareMemory::Open(const char* name, int shmLength, KelSide side, const Ke
 }
 
 int KelShareMemory::Close() {
-    if (m_private->m_data == nullptr && m_private->m_fileMap <= 0) return IPC_ERR_NOT_OPENED;
+    if (m_private->m_data == nullptr && m_private->m_fileMap < 0) return IPC_ERR_NOT_OPENED;
     m_private->CleanResource();
     return IPC_OK;
 }

@@ -3,15 +3,23 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <vector>
 
+#include "KelDateTime.h"
 #include "KelIpcLog.h"
+#include "KelSystemSemaphoreChannel.h"
 
 namespace {
 
 constexpr const char* kSource = "BaseAPI/KelIpc/src/unix/KelSystemSemaphore";
 constexpr int kDefaultMode = 0660;
+constexpr int kCheckCount = KelSystemSemaphore::kNameCheckCount;
+// Rounds of a server open: a set removed or reclaimed meanwhile is looked for again, and one that another
+// server of ours is still making is waited for, a millisecond at a time, until its marker is there.
+constexpr int kOpenRounds = 100;
 
 // The caller defines semctl's fourth argument.
 union SemArg {
@@ -28,6 +36,43 @@ key_t KeyFromName(const char* name) {
         hash = hash * 33u + static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(*p)));
     }
     return static_cast<key_t>(static_cast<int32_t>(hash));
+}
+
+// A 60-bit check of the whole name, another hash than the key's, in pieces of 15 bits (all a semaphore
+// value holds): sets made for two names of one key tell each other apart by it.
+void NameCheck(const char* name, unsigned short (&check)[kCheckCount]) {
+    uint64_t hash = 14695981039346656037ull;  // FNV-1a
+    for (const char* p = name; *p != '\0'; ++p) {
+        hash = (hash ^ static_cast<unsigned char>(*p)) * 1099511628211ull;
+    }
+    for (int i = 0; i < kCheckCount; ++i) check[i] = static_cast<unsigned short>((hash >> (15 * i)) & 0x7FFF);
+}
+
+// What a set found under a key tells about its maker.
+struct SetFacts {
+    bool ours = false;    // our size: made by a server of ours, perhaps not marked yet
+    bool marked = false;  // marker set: a server of ours made it whole (an older one, if not our size)
+    bool named = false;   // ours, carrying this name's check
+    int servers = 0;      // live servers counted in it, when marked
+};
+
+// False when the set cannot be read (errno tells why).
+bool Examine(int semId, const unsigned short (&check)[kCheckCount], SetFacts& facts) {
+    struct semid_ds ds {};
+    SemArg arg;
+    arg.buf = &ds;
+    if (semctl(semId, 0, IPC_STAT, arg) == -1) return false;
+    const size_t size = ds.sem_nsems;
+    if (size <= static_cast<size_t>(KelSystemSemaphore::kServerCount)) return true;
+    std::vector<unsigned short> values(size);
+    arg.array = values.data();
+    if (semctl(semId, 0, GETALL, arg) == -1) return false;
+    facts.ours = size == KelSystemSemaphore::kServerSetSize;
+    facts.marked = values[KelSystemSemaphore::kMarker] == KelSystemSemaphore::kMarkerValue;
+    facts.named =
+        facts.ours && std::equal(check, check + kCheckCount, &values[KelSystemSemaphore::kNameCheck]);
+    facts.servers = values[KelSystemSemaphore::kServerCount];
+    return true;
 }
 
 int SetValue(int semId, int value) {
@@ -67,37 +112,94 @@ bool MarkServer(int semId) {
 
 class KelSystemSemaphorePrivate {
 public:
-    int SemServerOpen(const char* name, const KelSecurity* security);
+    // verify: a channel's open, which refuses a set made for another name and a name of key 0.
+    int Open(const char* name, KelSide side, const KelSecurity* security, bool verify);
+    int SemServerOpen(const char* name, const KelSecurity* security, bool verify);
     int SemClientOpen(const char* name, const KelSecurity* security);
+    int Create(int semId, const unsigned short (&check)[kCheckCount]);
     int PriClose();
     int SetSignal(const char* function, int value);
+    int Wait(int milliseconds, bool logInterrupt);
 
     int32_t m_semId = -1;  // -1: not open
     int32_t m_side = -1;   // KelSide of the last Open; -1 before any
 };
 
-int KelSystemSemaphorePrivate::SemServerOpen(const char* name, const KelSecurity* security) {
+int KelSystemSemaphorePrivate::Open(const char* name, KelSide side, const KelSecurity* security,
+                                    bool verify) {
+    if (name == nullptr) return IPC_ERR_NULL;
+    if (m_semId != -1) return IPC_ERR_OPENED;
+    // Key 0 is IPC_PRIVATE: every semget makes a new set there, so the two ends would never meet.
+    if (verify && KeyFromName(name) == 0) return IPC_ERR_PARAM;
+    m_side = side;
+    switch (side) {
+        case Server:
+            return SemServerOpen(name, security, verify);
+        case Client:
+            return SemClientOpen(name, security);
+        default:
+            return IPC_ERR_PARAM;
+    }
+}
+
+int KelSystemSemaphorePrivate::SemServerOpen(const char* name, const KelSecurity* security, bool verify) {
     const key_t key = KeyFromName(name);
-    // No IPC_EXCL: a set left by a server that died is reused.
-    const int flags = (security != nullptr ? security->mode : kDefaultMode) | IPC_CREAT;
-    m_semId = semget(key, KelSystemSemaphore::kServerSetSize, flags);
-    // EINVAL: a smaller set made by an older or foreign server; it is used as it is, without the marks.
-    if (m_semId == -1 && errno == EINVAL) {
-        m_semId = semget(key, 1, flags);
-    } else if (m_semId != -1 && !MarkServer(m_semId)) {
-        const int err = errno;
-        (void)PriClose();
-        errno = err;
-        return IPC_ERR_FAILED;
+    const int mode = security != nullptr ? security->mode : kDefaultMode;
+    unsigned short check[kCheckCount];
+    NameCheck(name, check);
+    for (int round = 0; round < kOpenRounds; ++round) {
+        // Exclusive, so that whoever makes a set writes its name check before anyone takes it as marked.
+        int id = semget(key, KelSystemSemaphore::kServerSetSize, mode | IPC_CREAT | IPC_EXCL);
+        if (id != -1) return Create(id, check);
+        if (errno == EEXIST) id = semget(key, 0, mode);
+        SetFacts facts;
+        if (id == -1 || !Examine(id, check, facts)) {
+            if (errno == ENOENT || errno == EIDRM || errno == EINVAL) continue;  // removed meanwhile
+            KEL_IPC_LOG(kSource, "SemServerOpen", "semget fail, rc=%d, errno=%d", -1, errno);
+            return IPC_ERR_FAILED;
+        }
+        if (facts.ours && !facts.marked && round + 1 < kOpenRounds) {
+            KelSleep(1);
+            continue;
+        }
+        if ((facts.ours || facts.marked) && !facts.named && facts.servers == 0) {
+            // Left behind by servers of ours that are gone (another name's, or of an older layout).
+            (void)semctl(id, 0, IPC_RMID);
+            continue;
+        }
+        // Another name's set in use; sharing it would cross the two channels' wake-ups.
+        if (facts.ours && !facts.named && verify) return IPC_ERR_ACCESS;
+        m_semId = id;
+        // A smaller set (made by an older or foreign server) is used as it is, without the marks.
+        if (facts.ours && !MarkServer(id)) {
+            const int err = errno;
+            m_semId = -1;  // counted nowhere: nothing of ours to remove
+            errno = err;
+            return IPC_ERR_FAILED;
+        }
+        // A reused set may hold a stale signal.
+        const int rc = SetValue(id, 0);
+        if (rc == -1) {
+            KEL_IPC_LOG(kSource, "SemServerOpen", "semctl SETVAL fail, rc=%d, errno=%d", rc, errno);
+            (void)PriClose();
+            return IPC_ERR_FAILED;
+        }
+        return IPC_OK;
     }
-    if (m_semId == -1) {
-        KEL_IPC_LOG(kSource, "SemServerOpen", "semget fail, rc=%d, errno=%d", m_semId, errno);
-        return IPC_ERR_FAILED;
-    }
-    // A reused set may hold a stale signal.
-    const int rc = SetValue(m_semId, 0);
-    if (rc == -1) {
-        KEL_IPC_LOG(kSource, "SemServerOpen", "semctl SETVAL fail, rc=%d, errno=%d", rc, errno);
+    KEL_IPC_LOG(kSource, "SemServerOpen", "semget fail, rc=%d, errno=%d", -1, EEXIST);
+    return IPC_ERR_FAILED;
+}
+
+// A set this server has just made: the name check first, then the count and the marker (MarkServer).
+int KelSystemSemaphorePrivate::Create(int semId, const unsigned short (&check)[kCheckCount]) {
+    unsigned short values[KelSystemSemaphore::kServerSetSize] = {};
+    std::copy(check, check + kCheckCount, values + KelSystemSemaphore::kNameCheck);
+    SemArg arg;
+    arg.array = values;
+    m_semId = semId;
+    const int rc = semctl(semId, 0, SETALL, arg);
+    if (rc == -1) KEL_IPC_LOG(kSource, "SemServerOpen", "semctl SETALL fail, rc=%d, errno=%d", rc, errno);
+    if (rc == -1 || !MarkServer(semId)) {
         (void)PriClose();
         return IPC_ERR_FAILED;
     }
@@ -151,17 +253,16 @@ KelSystemSemaphore::~KelSystemSemaphore() {
 }
 
 int KelSystemSemaphore::Open(const char* name, KelSide side, const KelSecurity* security) {
-    if (name == nullptr) return IPC_ERR_NULL;
-    if (Opened()) return IPC_ERR_OPENED;
-    m_private->m_side = side;
-    switch (side) {
-        case Server:
-            return m_private->SemServerOpen(name, security);
-        case Client:
-            return m_private->SemClientOpen(name, security);
-        default:
-            return IPC_ERR_PARAM;
-    }
+    return m_private->Open(name, side, security, false);
+}
+
+int KelSystemSemaphoreOpenChannel(KelSystemSemaphore& semaphore, const char* name, KelSide side,
+                                  const KelSecurity* security) {
+    return semaphore.m_private->Open(name, side, security, true);
+}
+
+void KelSystemSemaphoreAbandon(KelSystemSemaphore& semaphore) {
+    semaphore.m_private->m_semId = -1;
 }
 
 int KelSystemSemaphore::Close() {
@@ -173,11 +274,15 @@ bool KelSystemSemaphore::Opened() {
 }
 
 int KelSystemSemaphore::Acquire() {
-    return AcquireFor(0);
+    return m_private->Wait(0, true);
 }
 
 int KelSystemSemaphore::AcquireFor(int milliseconds) {
-    if (!Opened()) return IPC_ERR_NOT_OPENED;
+    return m_private->Wait(milliseconds, false);
+}
+
+int KelSystemSemaphorePrivate::Wait(int milliseconds, bool logInterrupt) {
+    if (m_semId == -1) return IPC_ERR_NOT_OPENED;
     // No EINTR retry and no SEM_UNDO: the ring treats an interrupted wait as a wake-up, and a wake-up
     // taken by a process that then dies is not handed back.
     struct sembuf op;
@@ -185,15 +290,16 @@ int KelSystemSemaphore::AcquireFor(int milliseconds) {
     op.sem_op = -1;
     op.sem_flg = 0;
     const timespec limit{milliseconds / 1000, (milliseconds % 1000) * 1000000L};
-    const int rc =
-        milliseconds > 0 ? semtimedop(m_private->m_semId, &op, 1, &limit) : semop(m_private->m_semId, &op, 1);
+    const int rc = milliseconds > 0 ? semtimedop(m_semId, &op, 1, &limit) : semop(m_semId, &op, 1);
     if (rc == -1) {
         // The ring reads errno after a failed wait; keep it whatever the logger does.
         const int err = errno;
         if (milliseconds > 0 && err == EAGAIN) return IPC_ERR_TIMEOUT;
-        KEL_IPC_LOG(kSource, "Acquire",
-                    milliseconds > 0 ? "semtimedop fail, rc=%d, errno=%d" : "semop fail, rc=%d, errno=%d", rc,
-                    err);
+        if (err != EINTR || logInterrupt) {
+            KEL_IPC_LOG(kSource, "Acquire",
+                        milliseconds > 0 ? "semtimedop fail, rc=%d, errno=%d" : "semop fail, rc=%d, errno=%d",
+                        rc, err);
+        }
         errno = err;
         return IPC_ERR_FAILED;
     }
