@@ -9,7 +9,11 @@ enum KelIpcType : int32_t { Process = 0, Local = 1 };
 // option is the caller's KelSystemSemaphore (Process) or KelSemaphore (Local), or null for the channel's
 // own; the NonBlock options make that direction's Read and Write of this end non-blocking. The timeouts
 // point to an int of milliseconds that a blocking Read or Write of this end may wait in all (0, the
-// default: no limit); see Read below for what a call that runs out returns.
+// default: no limit); see Read below for what a call that runs out returns. A server that sets no size
+// makes blocks of 262144 bytes; a client that sets none takes the server's. CloseLinger points to an int
+// of milliseconds that Close spends shutting this end's writing down and waiting for the peer to read
+// what is left (0, the default: Close stops the rings at once). TrustedUid points to an int user id
+// whose objects this end accepts besides its own user's and root's (-1, the default: none).
 enum KelIpcOptionName : int32_t {
     LBufferSize = 0,
     RBufferSize,
@@ -18,7 +22,9 @@ enum KelIpcOptionName : int32_t {
     LNonBlock,
     RNonBlock,
     ReadTimeout,
-    WriteTimeout
+    WriteTimeout,
+    CloseLinger,
+    TrustedUid
 };
 
 class KelIpcSocketPrivate;
@@ -29,7 +35,7 @@ class KelIpcSocketPrivate;
 class KELIPC_API KelIpcSocket {
 public:
     KelIpcSocket();
-    ~KelIpcSocket();  // closes as Close does, ending and waiting for calls of other threads
+    ~KelIpcSocket();  // closes as Close does (lingering too), ending and waiting for calls of other threads
     KelIpcSocket(const KelIpcSocket&) = delete;
     KelIpcSocket& operator=(const KelIpcSocket&) = delete;
 
@@ -56,6 +62,12 @@ public:
     int Read(char* buffer, int length);
     int BlockRead(char* buffer, int length);
     int NonBlockRead(char* buffer, int length);
+    // 1 to length bytes as soon as any are there, waiting as Read does in this end's mode (bounded by
+    // ReadTimeout); 0 in non-blocking mode when nothing is there. Ends of stream as Read.
+    int ReadSome(char* buffer, int length);
+    // This end writes no more (its writes return IPC_ERR_NOT_OPENED) and may still read; the peer reads
+    // every byte written before, then IPC_ERR_PEER_CLOSED. Start gives the stream a new beginning.
+    int Shutdown();
 
     int DataSize();   // bytes waiting in the direction this end reads
     int SpaceSize();  // bytes that fit now into the direction this end writes
@@ -65,8 +77,10 @@ public:
     int Start();
     int Stop();
     int Reset();
-    // Ends the calls of other threads still inside this end and waits for them to leave, then stops the
-    // rings still running and releases this end's objects. IPC_ERR_NOT_OPENED when closed.
+    // With a CloseLinger, first shuts this end's writing down and waits up to that long for the peer to
+    // read what is left. Then ends the calls of other threads still inside this end and waits for them to
+    // leave, stops the rings still running and releases this end's objects. IPC_ERR_NOT_OPENED when
+    // closed; IPC_ERR_TIMEOUT when the linger ran out with bytes unread (closed all the same).
     int Close();
 
 private:

@@ -42,6 +42,7 @@ public:
 private:
     // The library's channels: liveness tokens, claiming a name, releasing only what is still theirs.
     friend int KelShareMemoryDescriptor(KelShareMemory& memory);
+    friend int KelShareMemoryAdopt(KelShareMemory& memory, const char* name, int& shmLength);
     friend int KelShareMemoryClaim(KelShareMemory& memory, const char* name, int shmLength,
                                    const KelSecurity* security);
     friend bool KelShareMemoryRelease(KelShareMemory& memory, bool remove);

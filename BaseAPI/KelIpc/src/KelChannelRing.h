@@ -2,6 +2,7 @@
 #define KEL_CHANNEL_RING_H
 
 #include "KelCycleBuffer.h"
+#include "KelCycleBuffer/KelRingWatch.h"
 
 // The ring end of a channel with its open flag. Both channel kinds put one in front of their block: the
 // argument tests and the forwarding of transfers and ring operations are the same whatever holds the
@@ -38,6 +39,10 @@ public:
     int NonBlockWrite(const char* data, int length) {
         const int rc = Test(data, length);
         return rc != IPC_OK ? rc : m_buffer.NonblockWrite(data, length);
+    }
+    int ReadSome(char* buffer, int length) {
+        const int rc = Test(buffer, length);
+        return rc != IPC_OK ? rc : KelCycleBufferReadSome(m_buffer, buffer, length);
     }
     int NonBlockRead(char* buffer, int length) {
         const int rc = Test(buffer, length);

@@ -27,8 +27,10 @@ int KelIpcSockImpl::Open(KelSide side, const char* name, int size, KelSystemSema
     const std::string base(name);
     m_opener = getpid();
     // A server claims the name before it replaces anything: of servers opening it at once, one goes on.
-    int rc = side == Server ? KelShareMemoryClaim(m_memory, (base + "_shm").c_str(), size, security)
-                            : m_memory.Open((base + "_shm").c_str(), size, side, security);
+    const std::string shm = base + "_shm";
+    int rc = side == Server ? KelShareMemoryClaim(m_memory, shm.c_str(), size, security)
+             : size == 0    ? KelShareMemoryAdopt(m_memory, shm.c_str(), size)
+                            : m_memory.Open(shm.c_str(), size, side, security);
     if (rc != IPC_OK) {
         if (rc != IPC_ERR_OPENED) KEL_IPC_LOG(kLogPath, "Open", "KelShareMemory Open fail, rc=%d", rc);
         CleanResource();
@@ -55,6 +57,12 @@ int KelIpcSockImpl::Open(KelSide side, const char* name, int size, KelSystemSema
         KEL_IPC_LOG(kLogPath, "Open", "KelCycleBuffer AttachIpc fail, rc=%d", rc);
         CleanResource();
         return rc;
+    }
+    // A stopped ring has no server to talk to yet: the previous client's stream ended there, and until the
+    // server's Start a new one would lose its first bytes to it, or read the old end-of-stream mark.
+    if (side == Client && !m_ring.Buffer().Running()) {
+        CleanResource();
+        return IPC_ERR_FAILED;
     }
     // A client takes part only with its token: beside a live client it would merge its stream into the
     // other's, and beside a dead one not yet given up the new stream would join the old one's tail. The

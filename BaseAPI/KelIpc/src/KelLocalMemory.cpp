@@ -26,7 +26,7 @@ KelLocalMemory::~KelLocalMemory() {
 }
 
 int KelLocalMemory::Open(const char* name, int size, KelSide side) {
-    if (name == nullptr || size < 1) return IPC_ERR_NULL;
+    if (name == nullptr || size < (side == Client ? 0 : 1)) return IPC_ERR_NULL;
     if (m_data != nullptr) return IPC_ERR_OPENED;
     m_side = side;
     if (side == Server) return ServerOpen(name, size);
@@ -51,9 +51,9 @@ int KelLocalMemory::ClientOpen(const char* name, int size) {
     m_name = name;
     auto it = g_localMemoryMap.find(m_name);
     if (it == g_localMemoryMap.end()) return IPC_ERR_NOT_OPENED;
-    if (it->second.size != size) return IPC_ERR_PARAM;
+    if (size != 0 && it->second.size != size) return IPC_ERR_PARAM;
     m_data = it->second.data;
-    m_size = size;
+    m_size = it->second.size;
     ++it->second.refCount;
     return IPC_OK;
 }

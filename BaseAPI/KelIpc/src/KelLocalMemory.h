@@ -17,10 +17,11 @@ public:
 
     // IPC_ERR_NULL (null name or size below 1), IPC_ERR_OPENED (handle open, or a server finds the name
     // registered), IPC_ERR_NOT_OPENED (a client finds no such name), IPC_ERR_PARAM (unknown side, or a
-    // client size that differs from the pool's).
+    // client size that differs from the pool's). A client's size 0 takes the pool's.
     int Open(const char* name, int size, KelSide side);
     int Close();  // always IPC_OK
     char* Data() { return m_data; }
+    int Size() const { return m_size; }
 
 private:
     int ServerOpen(const char* name, int size);

@@ -14,6 +14,7 @@ int KelLocalSockImpl::Open(KelSide side, const char* name, int size, KelSemaphor
     if (name == nullptr) return IPC_ERR_NULL;
     const std::string base(name);
     int rc = m_memory.Open((base + "_lcm").c_str(), size, side);
+    if (rc == IPC_OK) size = m_memory.Size();  // a client that set no size has the server's now
     if (rc != IPC_OK) {
         KEL_IPC_LOG(kLogPath, "Open", "KelLocalMemory Open fail, rc=%d", rc);
         CleanResource();
@@ -33,6 +34,11 @@ int KelLocalSockImpl::Open(KelSide side, const char* name, int size, KelSemaphor
         KEL_IPC_LOG(kLogPath, "Open", "KelCycleBuffer AttachLocal fail, rc=%d", rc);
         CleanResource();
         return rc;
+    }
+    // As across processes: a stopped ring waits for its server's Start.
+    if (side == Client && !m_ring.Buffer().Running()) {
+        CleanResource();
+        return IPC_ERR_NOT_OPENED;
     }
     KelCycleBufferWatch(m_ring.Buffer(), watch);
     m_ring.MarkOpened();

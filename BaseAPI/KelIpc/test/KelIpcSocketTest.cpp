@@ -444,13 +444,13 @@ TEST(KelIpcSocketOptions, OnlyValidOptionsSetWhileClosedAreKeptAcrossCloseAndReo
     KelIpcSocket server;
     int zero = 0;
     int negative = -5;
-    EXPECT_EQ(IPC_ERR_PARAM, server.SetOption(static_cast<KelIpcOptionName>(8), &zero));
+    EXPECT_EQ(IPC_ERR_PARAM, server.SetOption(static_cast<KelIpcOptionName>(TrustedUid + 1), &zero));
     EXPECT_EQ(IPC_ERR_PARAM,
               server.SetOption(static_cast<KelIpcOptionName>(-1), &zero));  // compared unsigned
-    for (KelIpcOptionName number : {LBufferSize, RBufferSize, ReadTimeout, WriteTimeout}) {
+    for (KelIpcOptionName number : {LBufferSize, RBufferSize, ReadTimeout, WriteTimeout, CloseLinger}) {
         EXPECT_EQ(IPC_ERR_NULL, server.SetOption(number, nullptr));
         EXPECT_EQ(IPC_ERR_PARAM, server.SetOption(number, &negative));
-        // A size of 0 is refused; a timeout of 0 waits without limit.
+        // A size of 0 is refused; a timeout of 0 waits without limit, a linger of 0 closes at once.
         EXPECT_EQ(number <= RBufferSize ? IPC_ERR_PARAM : IPC_OK, server.SetOption(number, &zero));
     }
     int r = 65536;
@@ -460,7 +460,7 @@ TEST(KelIpcSocketOptions, OnlyValidOptionsSetWhileClosedAreKeptAcrossCloseAndReo
     int small = 16384;
     EXPECT_EQ(IPC_ERR_OPENED, server.SetOption(LBufferSize, &small));
     EXPECT_EQ(IPC_ERR_OPENED, server.SetOption(RBufferSize, nullptr));  // the open test comes first
-    EXPECT_EQ(IPC_ERR_OPENED, server.SetOption(static_cast<KelIpcOptionName>(8), nullptr));
+    EXPECT_EQ(IPC_ERR_OPENED, server.SetOption(static_cast<KelIpcOptionName>(TrustedUid + 1), nullptr));
     EXPECT_EQ(IPC_ERR_OPENED, server.Open(Local, Client, name.c_str(), nullptr));
 
     EXPECT_EQ(IPC_OK, server.Close());

@@ -34,7 +34,12 @@ int Transfer(KelIpcSocketPrivate* socket, KelIpcSocketPrivate::Direction directi
     if (!call.Admitted()) return IPC_ERR_NOT_OPENED;
     KelChannelRing* ring = nullptr;
     const int rc = socket->Select(direction, ring);
-    return rc != IPC_OK ? rc : (ring->*op)(buffer, length);
+    if (rc != IPC_OK) return rc;
+    // An end that shut its writing down writes no more.
+    if (direction == KelIpcSocketPrivate::kWrite && socket->m_shut.load(std::memory_order_acquire)) {
+        return IPC_ERR_NOT_OPENED;
+    }
+    return (ring->*op)(buffer, length);
 }
 
 int Size(KelIpcSocketPrivate* socket, KelIpcSocketPrivate::Direction direction, int (KelChannelRing::*op)()) {
@@ -77,6 +82,14 @@ int KelIpcSocket::BlockRead(char* buffer, int length) {
 
 int KelIpcSocket::NonBlockRead(char* buffer, int length) {
     return Transfer(m_private, KelIpcSocketPrivate::kRead, &KelChannelRing::NonBlockRead, buffer, length);
+}
+
+int KelIpcSocket::ReadSome(char* buffer, int length) {
+    return Transfer(m_private, KelIpcSocketPrivate::kRead, &KelChannelRing::ReadSome, buffer, length);
+}
+
+int KelIpcSocket::Shutdown() {
+    return m_private->Shutdown();
 }
 
 int KelIpcSocket::DataSize() {

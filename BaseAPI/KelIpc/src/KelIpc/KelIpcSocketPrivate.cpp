@@ -12,7 +12,7 @@ const char kSocketLogPath[] = "BaseAPI/KelIpc/src/KelIpc/KelIpc";
 
 int KelIpcSocketPrivate::SetOption(KelIpcOptionName name, void* value) {
     if (Opened()) return IPC_ERR_OPENED;
-    if (static_cast<uint32_t>(name) > static_cast<uint32_t>(WriteTimeout)) return IPC_ERR_PARAM;
+    if (static_cast<uint32_t>(name) > static_cast<uint32_t>(CloseLinger)) return IPC_ERR_PARAM;
     switch (name) {
         case LBufferSize:
         case RBufferSize: {
@@ -35,13 +35,18 @@ int KelIpcSocketPrivate::SetOption(KelIpcOptionName name, void* value) {
             m_rMode = NonBlock;
             break;
         case ReadTimeout:
-        case WriteTimeout: {
+        case WriteTimeout:
+        case CloseLinger: {
             if (value == nullptr) return IPC_ERR_NULL;
             const int ms = *static_cast<const int*>(value);
             if (ms < 0) return IPC_ERR_PARAM;
-            (name == ReadTimeout ? m_watch.readTimeoutMs : m_watch.writeTimeoutMs) = ms;
+            (name == ReadTimeout    ? m_watch.readTimeoutMs
+             : name == WriteTimeout ? m_watch.writeTimeoutMs
+                                    : m_lingerMs) = ms;
             break;
         }
+        default:
+            return IPC_ERR_PARAM;
     }
     return IPC_OK;
 }
@@ -53,10 +58,11 @@ int KelIpcSocketPrivate::OpenIpc(KelSide side, const char* name, const KelSecuri
     m_ipcR.reset(new KelIpcSockImpl);
     // L decides between ends of one side opening at once (a server's claim of the name, a client's
     // token); R follows L's winner, so the two directions never go to two ends.
-    int rc = m_ipcL->Open(side, (base + "_XL").c_str(), m_lSize,
+    m_shut.store(false, std::memory_order_relaxed);
+    int rc = m_ipcL->Open(side, (base + "_XL").c_str(), BlockFor(m_lSize),
                           static_cast<KelSystemSemaphore*>(m_lSemaphore), security, m_lMode, m_watch);
     if (rc == IPC_OK) {
-        rc = m_ipcR->Open(side, (base + "_XR").c_str(), m_rSize,
+        rc = m_ipcR->Open(side, (base + "_XR").c_str(), BlockFor(m_rSize),
                           static_cast<KelSystemSemaphore*>(m_rSemaphore), security, m_rMode, m_watch);
     }
     if (rc != IPC_OK) CleanResource(false);
@@ -68,11 +74,12 @@ int KelIpcSocketPrivate::OpenLocal(KelSide side, const char* name) {
     m_localL.reset(new KelLocalSockImpl);
     m_localR.reset(new KelLocalSockImpl);
     const std::string base(name);
-    int rc = m_localL->Open(side, (base + "_OL").c_str(), m_lSize, static_cast<KelSemaphore*>(m_lSemaphore),
-                            m_lMode, m_watch);
+    m_shut.store(false, std::memory_order_relaxed);
+    int rc = m_localL->Open(side, (base + "_OL").c_str(), BlockFor(m_lSize),
+                            static_cast<KelSemaphore*>(m_lSemaphore), m_lMode, m_watch);
     if (rc == IPC_OK) {
-        rc = m_localR->Open(side, (base + "_OR").c_str(), m_rSize, static_cast<KelSemaphore*>(m_rSemaphore),
-                            m_rMode, m_watch);
+        rc = m_localR->Open(side, (base + "_OR").c_str(), BlockFor(m_rSize),
+                            static_cast<KelSemaphore*>(m_rSemaphore), m_rMode, m_watch);
     }
     if (rc != IPC_OK) CleanResource(false);
     return rc;
@@ -141,9 +148,25 @@ constexpr int kRewakeRounds = 10;
 
 }  // namespace
 
+int KelIpcSocketPrivate::Shutdown() {
+    const Call call(*this);
+    KelChannelRing* ring = nullptr;
+    const int rc = call.Admitted() ? Select(kWrite, ring) : IPC_ERR_NOT_OPENED;
+    if (rc != IPC_OK) return rc;
+    m_shut.store(true, std::memory_order_release);
+    return KelCycleBufferShutdown(ring->Buffer());
+}
+
 int KelIpcSocketPrivate::Shut() {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!Opened()) return IPC_ERR_NOT_OPENED;
+    int result = IPC_OK;
+    KelChannelRing* ring = nullptr;
+    if (m_lingerMs > 0 && Select(kWrite, ring) == IPC_OK && Shutdown() == IPC_OK) {
+        // Only bytes left unread when the linger ran out make the close an error: a peer that died or a
+        // channel stopped took them already.
+        if (KelCycleBufferDrain(ring->Buffer(), m_lingerMs) == IPC_ERR_TIMEOUT) result = IPC_ERR_TIMEOUT;
+    }
     m_closing.store(true, std::memory_order_seq_cst);
     for (int round = 0; round == 0 || m_calls.load(std::memory_order_seq_cst) != 0; ++round) {
         if (round % kRewakeRounds == 0) {
@@ -157,7 +180,7 @@ int KelIpcSocketPrivate::Shut() {
     CleanResource();
     // Release: a call that sees the socket open again also sees the channels gone.
     m_closing.store(false, std::memory_order_release);
-    return IPC_OK;
+    return result;
 }
 
 void KelIpcSocketPrivate::ForEachChannel(int (KelChannelRing::*op)(), const char* function) {

@@ -29,9 +29,13 @@ public:
     bool Running();
     // Calls op on every channel, logging nonzero results under function with the channel type.
     void ForEachChannel(int (KelChannelRing::*op)(), const char* function);
-    // Close and destruction: ends the calls of other threads that are inside the channels, waits until
-    // they have left, then closes the channels. IPC_ERR_NOT_OPENED when closed.
+    // Close and destruction: first, with a linger, shuts this end's writing down and waits up to that long
+    // for the peer to read what is left; then ends the calls of other threads that are inside the
+    // channels, waits until they have left, and closes the channels. IPC_ERR_NOT_OPENED when closed,
+    // IPC_ERR_TIMEOUT when the linger ran out with bytes unread (closed all the same).
     int Shut();
+    // This end writes no more; the peer reads what is left, then IPC_ERR_PEER_CLOSED.
+    int Shutdown();
 
     // Counts a call into the channels for as long as it lives, unless the socket is being closed: such a
     // call is refused before it touches a channel, which may be gone by the time it would.
@@ -54,8 +58,13 @@ public:
     };
 
     KelSide m_side = Server;
-    int32_t m_lSize = 262144;
-    int32_t m_rSize = 262144;
+    // 0: not set: a server makes blocks of kDefaultBlock, a client takes the server's.
+    static constexpr int32_t kDefaultBlock = 262144;
+    int32_t m_lSize = 0;
+    int32_t m_rSize = 0;
+    int BlockFor(int32_t size) const { return size != 0 || m_side == Client ? size : kDefaultBlock; }
+    int m_lingerMs = 0;               // CloseLinger
+    std::atomic<bool> m_shut{false};  // this end has shut its writing down
     void* m_lSemaphore = nullptr;
     void* m_rSemaphore = nullptr;
     KelMode m_lMode = Block;

@@ -50,6 +50,7 @@ public:
     int ShmServerOpen(const char* name, int shmLength, const KelSecurity* security);
     int ShmResetOpen(const char* name, int shmLength, const KelSecurity* security);
     int ShmNoResetOpen(const char* name, int shmLength, const KelSecurity* security);
+    // shmLength 0: the segment's own size, whatever the server chose.
     int ShmClientOpen(const char* name, int shmLength);
     int ShmClaimOpen(const char* name, int shmLength, const KelSecurity* security);
     // unlink false keeps the name whatever the side and reset say.
@@ -217,6 +218,9 @@ int KelShareMemoryPrivate::ShmClientOpen(const char* name, int shmLength) {
     std::memset(&st, 0, sizeof(st));
     const int rc = fstat(m_fileMap, &st);
     const int err = errno;
+    if (rc == 0 && shmLength == 0 && st.st_size > 0 && st.st_size <= INT32_MAX) {
+        shmLength = static_cast<int>(st.st_size);
+    }
     if (rc < 0 || static_cast<int64_t>(st.st_size) != static_cast<int64_t>(shmLength)) {
         KEL_IPC_LOG(kSource, "ShmClientOpen", "fstat fail, rc=%d, errno=%d, st.st_size=%d, shmLength=%d", rc,
                     err, static_cast<int>(st.st_size), shmLength);
@@ -250,6 +254,14 @@ void KelShareMemoryPrivate::CleanResource(bool unlink) {
 
 int KelShareMemoryDescriptor(KelShareMemory& memory) {
     return memory.m_private->m_data != nullptr ? memory.m_private->m_fileMap : -1;
+}
+
+int KelShareMemoryAdopt(KelShareMemory& memory, const char* name, int& shmLength) {
+    if (memory.m_private->m_data != nullptr) return IPC_ERR_OPENED;
+    memory.m_private->m_side = Client;
+    const int rc = memory.m_private->ShmClientOpen(name, 0);
+    shmLength = memory.m_private->m_length;
+    return rc;
 }
 
 int KelShareMemoryClaim(KelShareMemory& memory, const char* name, int shmLength,

@@ -7,6 +7,8 @@
 
 // The open segment's descriptor, -1 when not open; it stays the segment's, so callers never close it.
 int KelShareMemoryDescriptor(KelShareMemory& memory);
+// A client open that takes the segment's size, whatever the server chose; shmLength tells it on success.
+int KelShareMemoryAdopt(KelShareMemory& memory, const char* name, int& shmLength);
 // A server open with reset that first claims the name for this end alone (see ShmClaimOpen): on success
 // the server byte of the new segment is locked through the segment's descriptor. IPC_ERR_OPENED, holding
 // nothing and having removed nothing, when another server holds the name or claims it at the same time.
