@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <future>
 #include <memory>
@@ -579,5 +580,87 @@ TEST(KelIpcSocketConcurrency, ParkedCallsKeepTheirTurnAndCloseWaitsForThemToLeav
         EXPECT_EQ(IPC_OK, close.get());
         ASSERT_TRUE(kt::Ready(inside, kWaitMs));
         EXPECT_EQ(IPC_ERR_NOT_OPENED, inside.get());
+    }
+}
+
+// The end of a stream as a socket gives it: every byte written before Shutdown, then IPC_ERR_PEER_CLOSED
+// for a reader parked before it, for ReadSome and for a non-blocking reader; the shut end writes no more
+// but still reads, and Start begins a stream without an end.
+TEST(KelIpcSocketStreamEnd, ShutdownEndsTheStreamAfterEveryByteForEveryKindOfReader) {
+    for (KelIpcType type : {Process, Local}) {
+        SCOPED_TRACE(TypeName(type));
+        const std::string name = kt::UniqueName("shut");
+        KelIpcSocket server;
+        KelIpcSocket client;
+        ASSERT_EQ(IPC_OK, server.Open(type, Server, name.c_str(), nullptr));
+        ASSERT_EQ(IPC_OK, client.Open(type, Client, name.c_str(), nullptr));
+        const std::vector<char> bytes = kt::Pattern(10);
+        for (Form form : {kModeForm, kBlockForm, kNonBlockForm}) {
+            ASSERT_EQ(10, client.Write(bytes.data(), 10));
+            std::vector<char> got(100);
+            auto read = std::async(std::launch::async, [&] {
+                return form == kBlockForm ? server.ReadSome(got.data(), 100)
+                                          : Receive(server, form, got.data(), 100);
+            });
+            if (form == kModeForm) {
+                EXPECT_FALSE(kt::Ready(read, 50)) << "parked for all 100 bytes";
+            }
+            ASSERT_EQ(IPC_OK, client.Shutdown());
+            ASSERT_TRUE(Finish(server, read));
+            EXPECT_EQ(10, read.get()) << "form " << form;
+            EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), got.begin()));
+            EXPECT_EQ(IPC_ERR_PEER_CLOSED, Receive(server, form, got.data(), 100));
+            EXPECT_EQ(IPC_ERR_PEER_CLOSED, server.ReadSome(got.data(), 100));
+            EXPECT_EQ(IPC_ERR_PEER_CLOSED, server.DataSize());
+            EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Write(bytes.data(), 1));
+            ASSERT_EQ(4, server.Write("back", 4));  // the other direction still flows
+            EXPECT_EQ(4, ReadArrived(client, got.data(), 4));
+            // The client leaves; until the server starts again, the next one finds no server.
+            ASSERT_EQ(IPC_OK, client.Close());
+            EXPECT_NE(IPC_OK, client.Open(type, Client, name.c_str(), nullptr));
+            ASSERT_EQ(IPC_OK, server.Start());
+            ASSERT_EQ(IPC_OK, client.Open(type, Client, name.c_str(), nullptr));
+            EXPECT_EQ(0, server.NonBlockRead(got.data(), 1)) << "a restarted stream has no end yet";
+        }
+    }
+}
+
+// A reader that does not know the sender's sizes takes what is there; a client that sets no sizes takes
+// the server's, while one that sets them must still match.
+TEST(KelIpcSocketStreamEnd, ReadSomeTakesWhatIsThereAndAClientWithoutSizesTakesTheServers) {
+    for (KelIpcType type : {Process, Local}) {
+        SCOPED_TRACE(TypeName(type));
+        const std::string name = kt::UniqueName("some");
+        KelIpcSocket server;
+        KelIpcSocket client;
+        int big = 4 << 20;
+        int bound = 100;
+        ASSERT_EQ(IPC_OK, server.SetOption(LBufferSize, &big));
+        ASSERT_EQ(IPC_OK, server.SetOption(RBufferSize, &big));
+        ASSERT_EQ(IPC_OK, server.SetOption(ReadTimeout, &bound));
+        ASSERT_EQ(IPC_OK, server.Open(type, Server, name.c_str(), nullptr));
+        KelIpcSocket mismatched;
+        kt::LogCapture quiet;
+        int standard = 262144;
+        ASSERT_EQ(IPC_OK, mismatched.SetOption(RBufferSize, &standard));
+        EXPECT_EQ(type == Process ? IPC_ERR_FAILED : IPC_ERR_PARAM,
+                  mismatched.Open(type, Client, name.c_str(), nullptr));
+        ASSERT_EQ(IPC_OK, client.SetOption(RNonBlock, nullptr));
+        ASSERT_EQ(IPC_OK, client.Open(type, Client, name.c_str(), nullptr));
+        EXPECT_EQ(big - 9024 - 1, client.SpaceSize());
+
+        char got[16];
+        EXPECT_EQ(IPC_ERR_TIMEOUT, server.ReadSome(got, 16));
+        ASSERT_EQ(5, client.Write("12345", 5));
+        EXPECT_EQ(5, server.ReadSome(got, 16));
+        EXPECT_EQ(0, std::memcmp(got, "12345", 5));
+        auto waiting = std::async(std::launch::async, [&] { return server.ReadSome(got, 16); });
+        ASSERT_EQ(3, client.Write("678", 3));
+        ASSERT_TRUE(Finish(server, waiting));
+        EXPECT_EQ(3, waiting.get());
+        EXPECT_EQ(0, client.ReadSome(got, 2));  // a non-blocking reader: nothing there
+        ASSERT_EQ(3, server.Write("abc", 3));
+        EXPECT_EQ(2, client.ReadSome(got, 2));  // no more than asked
+        EXPECT_EQ(1, client.ReadSome(got, 2));
     }
 }

@@ -374,6 +374,57 @@ TEST(KelReliabilityCrash, NonBlockingCallsLearnOfAKilledPeerAfterWhatItLeft) {
     for (int call = 0; call < 32; ++call) EXPECT_EQ(IPC_ERR_PEER_GONE, server.NonBlockWrite(bytes.data(), 1));
 }
 
+// Write, then Close, as with a socket: with a linger a slow reader in the other process still gets every
+// byte, then the end of the stream, in either direction; a linger that runs out closes all the same, says
+// so, and does not let the reader take the lost tail for a clean end.
+TEST(KelReliabilityLinger, WriteThenCloseWithALingerLosesNothingToASlowReader) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    constexpr int64_t kTotal = int64_t{64} << 20;  // instrumented builds move bytes many times slower
+#else
+    constexpr int64_t kTotal = int64_t{1} << 30;
+#endif
+    for (KelSide writer : {Client, Server}) {
+        SCOPED_TRACE(writer == Client ? "the client writes" : "the server writes");
+        const std::string name = kt::UniqueName("linger");
+        KelIpcSocket server;
+        int linger = 60000;
+        ASSERT_EQ(IPC_OK, server.SetOption(CloseLinger, &linger));
+        ASSERT_EQ(IPC_OK, OpenEnd(server, Server, name));
+        // The reader starts late and takes small pieces: the writer's Close finds most of a ring unread.
+        auto transfer = [&](KelIpcSocket& end, bool sending) {
+            if (sending) {
+                const Flow sent = Transfer(end, true, 0, 1 << 20, kTotal);
+                return sent.bytes == kTotal && end.Close() == IPC_OK ? 0 : 1;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            const Flow got = Transfer(end, false, 0, 4096, kEndless);
+            return got.bytes == kTotal && got.intact && got.code == IPC_ERR_PEER_CLOSED ? 0 : 2;
+        };
+        kt::Child client([&] {
+            KelIpcSocket end;
+            if (end.SetOption(CloseLinger, &linger) != IPC_OK || OpenEnd(end, Client, name) != IPC_OK)
+                return 3;
+            return transfer(end, writer == Client);
+        });
+        EXPECT_EQ(0, transfer(server, writer == Server));
+        EXPECT_EQ(0, client.Wait(60000));
+    }
+    const std::string name = kt::UniqueName("linger");
+    KelIpcSocket server;
+    ASSERT_EQ(IPC_OK, OpenEnd(server, Server, name));
+    kt::Child client([&] {
+        KelIpcSocket end;
+        int brief = 100;
+        const std::vector<char> bytes = kt::Pattern(kBlock);
+        if (end.SetOption(CloseLinger, &brief) != IPC_OK || OpenEnd(end, Client, name) != IPC_OK) return 1;
+        if (end.NonBlockWrite(bytes.data(), 1000) != 1000) return 2;
+        return end.Close() == IPC_ERR_TIMEOUT ? 0 : 3;
+    });
+    EXPECT_EQ(0, client.Wait(kBound));
+    char byte;
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, server.Read(&byte, 1)) << "a stream that lost its tail ended cleanly";
+}
+
 TEST(KelReliabilitySignals, ABlockingReadInterruptedEveryMillisecondStillGetsEveryByte) {
     StormTrial(true);
 }

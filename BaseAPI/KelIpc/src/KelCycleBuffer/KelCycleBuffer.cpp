@@ -694,6 +694,7 @@ int KelCycleBuffer::DataSize() {
     KelCycleBufferPrivate& p = *m_private;
     if (p.IsRunning()) p.m_seenWrite.store(LoadAcquire(p.m_head->writePos), std::memory_order_relaxed);
     const int stored = p.DataNow();
+    if (stored == 0 && p.WriterShut()) return IPC_ERR_PEER_CLOSED;
     return stored == 0 && p.IsRunning() && p.PeerGone(false) ? IPC_ERR_PEER_GONE : stored;
 }
 
@@ -982,11 +983,12 @@ int KelCycleBuffer::GetIpcStatus(KelIpcStatus& status) {
     return IPC_OK;
 }
 
-int KelCycleBufferShutdown(KelCycleBuffer& ring) {
+int KelCycleBufferShutdown(KelCycleBuffer& ring, bool shut) {
     KelCycleBufferPrivate& p = *ring.m_private;
     if (!p.Initialised()) return IPC_ERR_NOT_OPENED;
     // Release: a reader that sees the mark sees every byte published before it.
-    StoreRelease(*p.ShutWord(), 1);
+    StoreRelease(*p.ShutWord(), shut ? 1 : 0);
+    if (!shut) return IPC_OK;
     // As the writer's signal after a piece, but whatever the reader waits for: nothing more will come.
     FullFence();
     const int32_t state = __atomic_load_n(p.ReaderWord(), __ATOMIC_ACQUIRE);

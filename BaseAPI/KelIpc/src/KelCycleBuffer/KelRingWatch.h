@@ -21,8 +21,9 @@ void KelCycleBufferWatch(KelCycleBuffer& ring, const KelRingWatch& watch);
 void KelCycleBufferDetach(KelCycleBuffer& ring);
 // Whether a transfer of this object is inside the ring.
 bool KelCycleBufferBusy(KelCycleBuffer& ring);
-// Writer side: marks the end of this end's stream after every byte it has published, and wakes the reader.
-int KelCycleBufferShutdown(KelCycleBuffer& ring);
+// Writer side: marks the end of this end's stream after every byte it has published, and wakes the reader;
+// shut false withdraws the mark (a stream that lost bytes did not end cleanly).
+int KelCycleBufferShutdown(KelCycleBuffer& ring, bool shut = true);
 // Reader side: 1 to count bytes as soon as any are there, waiting or not by the attach mode (bounded by the
 // watch's read timeout); a writer that is gone ends it with the code once nothing is left.
 int KelCycleBufferReadSome(KelCycleBuffer& ring, char* buffer, int count);

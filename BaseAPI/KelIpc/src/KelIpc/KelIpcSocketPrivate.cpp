@@ -165,7 +165,11 @@ int KelIpcSocketPrivate::Shut() {
     if (m_lingerMs > 0 && Select(kWrite, ring) == IPC_OK && Shutdown() == IPC_OK) {
         // Only bytes left unread when the linger ran out make the close an error: a peer that died or a
         // channel stopped took them already.
-        if (KelCycleBufferDrain(ring->Buffer(), m_lingerMs) == IPC_ERR_TIMEOUT) result = IPC_ERR_TIMEOUT;
+        if (KelCycleBufferDrain(ring->Buffer(), m_lingerMs) == IPC_ERR_TIMEOUT) {
+            // The stream loses its tail: the peer must not take the stop for its clean end.
+            KelCycleBufferShutdown(ring->Buffer(), false);
+            result = IPC_ERR_TIMEOUT;
+        }
     }
     m_closing.store(true, std::memory_order_seq_cst);
     for (int round = 0; round == 0 || m_calls.load(std::memory_order_seq_cst) != 0; ++round) {
