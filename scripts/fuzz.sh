@@ -26,6 +26,7 @@ run_logged() {
 sources=(
     "$ipc/fuzz/KelCycleBufferFuzz.cpp"
     "$ipc/src/KelCycleBuffer/KelCycleBuffer.cpp"
+    "$ipc/src/KelCycleBuffer/KelCycleBufferPrivate.cpp"
     "$ipc/src/KelSecureMem.cpp"
     # The ring calls the system semaphore's Acquire and Release, so it must link even though no input
     # reaches them.
