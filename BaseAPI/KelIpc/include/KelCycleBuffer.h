@@ -120,6 +120,9 @@ private:
     friend int KelCycleBufferShutdown(KelCycleBuffer& ring, bool shut);
     friend int KelCycleBufferReadSome(KelCycleBuffer& ring, char* buffer, int count);
     friend int KelCycleBufferDrain(KelCycleBuffer& ring, int timeoutMs);
+    friend bool KelCycleBufferArm(KelCycleBuffer& ring, bool reading, int need, bool fresh);
+    friend bool KelCycleBufferArmed(KelCycleBuffer& ring, bool reading);
+    friend bool KelCycleBufferNonBlocking(KelCycleBuffer& ring);
     friend int KelCycleBufferAttachFresh(KelCycleBuffer& ring, char* block, int length, KelSide side,
                                          KelMode mode, KelSystemSemaphore* sem);
     KelCycleBufferPrivate* m_private;

@@ -69,6 +69,17 @@ public:
     // every byte written before, then IPC_ERR_PEER_CLOSED. Start gives the stream a new beginning.
     int Shutdown();
 
+    // For event loops (epoll, poll, select, or a library built on them): a descriptor that the socket owns
+    // (poll it, never read, write or close it; it stays valid until Close) and that polls readable when
+    // this end may be able to proceed. After NonBlockRead, or Read or ReadSome in non-blocking mode, got
+    // less than it asked for, it becomes readable once more bytes have arrived, the peer has died, shut
+    // down or closed, or the channel has stopped; after NonBlockWrite, or Write in non-blocking mode,
+    // passed nothing, once that many bytes fit, the peer has died or the channel has stopped. Level- and
+    // edge-triggered waits both work; a readable descriptor with nothing to do is rare, and the caller
+    // simply calls again. Made on the first call, close-on-exec. IPC_ERR_NOT_OPENED when closed,
+    // IPC_ERR_ACCESS when another user's object holds its name, IPC_ERR_FAILED (logged).
+    int PollFd();
+
     int DataSize();   // bytes waiting in the direction this end reads
     int SpaceSize();  // bytes that fit now into the direction this end writes
     bool Running();   // both directions running

@@ -34,6 +34,8 @@ public:
     // descriptor go: the opener's ring, token and names are left alone. IPC_ERR_NOT_OPENED when closed.
     int Close(bool stop = true);
     KelChannelRing& Ring() { return m_ring; }
+    // This end's token, through which it learns whether the peer's process lives.
+    const KelPeerToken& Token() const { return m_token; }
 
 private:
     void CleanResource();

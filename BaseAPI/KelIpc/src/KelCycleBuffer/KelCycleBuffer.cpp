@@ -73,7 +73,9 @@ int KelCycleBuffer::NonblockWrite(const char* data, int count) {
     const Turn turn(p.m_writeMutex, p.m_writing, false);
     if (!turn.Held()) return 0;
     p.m_writeGen = gen;
-    return p.WriteNow(data, count);
+    const int rc = p.WriteNow(data, count);
+    if (rc > 0) p.WakeAfterNonblockWrite();
+    return rc;
 }
 
 int KelCycleBuffer::NonblockRead(char* buffer, int count) {
@@ -181,6 +183,12 @@ int KelCycleBuffer::Reset() {
     if (__atomic_exchange_n(p.WriterWord(), 0, __ATOMIC_SEQ_CST) > 0) {
         p.Futex(p.WriterWord(), FUTEX_WAKE, INT_MAX, nullptr, "Reset");
     }
+    // Ends waiting on their descriptors look again, to find their calls ended or the ring emptied.
+    for (const bool reader : {true, false}) {
+        if (__atomic_exchange_n(p.PollsWord(reader), 0, __ATOMIC_SEQ_CST) > 0 && p.m_watch.ring != nullptr) {
+            p.m_watch.ring(p.m_watch.ringContext, reader);
+        }
+    }
     __atomic_store_n(p.ReaderCpu(), 0, __ATOMIC_RELAXED);
     __atomic_store_n(p.WriterCpu(), 0, __ATOMIC_RELAXED);
     return IPC_OK;
@@ -282,6 +290,7 @@ int KelCycleBufferShutdown(KelCycleBuffer& ring, bool shut) {
     FullFence();
     const int32_t state = __atomic_load_n(p.ReaderWord(), __ATOMIC_ACQUIRE);
     if (state > 0 || (state == 0 && p.m_systemSem != nullptr)) ring.SemRelease();
+    p.RingPoller(true, true);
     return IPC_OK;
 }
 
@@ -348,4 +357,36 @@ int KelCycleBufferAttachFresh(KelCycleBuffer& ring, char* block, int length, Kel
 void KelCycleBufferWatch(KelCycleBuffer& ring, const KelRingWatch& watch) {
     ring.m_private->m_watch = watch;
     ring.m_private->m_nextLook.store(0, std::memory_order_relaxed);
+}
+
+bool KelCycleBufferArm(KelCycleBuffer& ring, bool reading, int need, bool fresh) {
+    KelCycleBufferPrivate& p = *ring.m_private;
+    if (!p.Initialised()) return true;
+    const int32_t len = LoadRelaxed(p.m_head->dataLen);
+    need = std::max(1, std::min(need, len - 1));
+    if (reading) {
+        // Takes part in the handshake, so that writers of ours skip the semaphore while it waits here.
+        int32_t none = 0;
+        __atomic_compare_exchange_n(p.ReaderWord(), &none, kReaderAwake, false, __ATOMIC_RELAXED,
+                                    __ATOMIC_RELAXED);
+    }
+    int32_t* const word = p.PollsWord(reading);
+    __atomic_store_n(word, need, __ATOMIC_RELAXED);
+    // As a sleeping reader: either the other end sees the word after its publication, or this test sees
+    // the publication.
+    FullFence();
+    const bool ready = !p.IsRunning() ||
+                       (reading ? p.Stored() >= need || p.WriterShut() : p.Room() >= need) ||
+                       p.PeerGone(fresh);
+    if (ready) __atomic_compare_exchange_n(word, &need, 0, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED);
+    return ready;
+}
+
+bool KelCycleBufferArmed(KelCycleBuffer& ring, bool reading) {
+    const KelCycleBufferPrivate& p = *ring.m_private;
+    return p.Initialised() && __atomic_load_n(p.PollsWord(reading), __ATOMIC_RELAXED) > 0;
+}
+
+bool KelCycleBufferNonBlocking(KelCycleBuffer& ring) {
+    return ring.m_private->m_mode != Block;
 }

@@ -204,6 +204,7 @@ int KelCycleBufferPrivate::WaitOnSemaphore(int timeoutMs) {
 int KelCycleBufferPrivate::WakeReader(KelCycleBuffer& ring) {
     if (!HasSemaphore()) return IPC_ERR_NOT_OPENED;
     FullFence();
+    RingPoller(true, false);
     int32_t* const word = ReaderWord();
     int32_t state = __atomic_load_n(word, __ATOMIC_ACQUIRE);
     if (state == kReaderAwake) return IPC_OK;
@@ -217,6 +218,33 @@ int KelCycleBufferPrivate::WakeReader(KelCycleBuffer& ring) {
         __atomic_compare_exchange_n(word, &state, kReaderAwake, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED);
     }
     return ring.SemRelease();
+}
+
+// A reader of ours asleep in a blocking call or on its descriptor is woken by our non-blocking writes as by
+// blocking ones. Only a reader that said it sleeps is signalled: the published protocol has non-blocking
+// writes signal nobody, and a reader that never announces itself (0) gets no releases to pile up.
+void KelCycleBufferPrivate::WakeAfterNonblockWrite() {
+    FullFence();
+    RingPoller(true, false);
+    int32_t* const word = ReaderWord();
+    int32_t state = __atomic_load_n(word, __ATOMIC_ACQUIRE);
+    if (state > 0 && Stored() >= state &&
+        __atomic_compare_exchange_n(word, &state, kReaderAwake, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED)) {
+        if (m_localSem != nullptr) m_localSem->Release();
+        if (m_systemSem != nullptr) m_systemSem->Release();
+    }
+}
+
+void KelCycleBufferPrivate::RingPoller(bool reader, bool any) {
+    if (m_watch.ring == nullptr) return;
+    int32_t* const word = PollsWord(reader);
+    int32_t need = __atomic_load_n(word, __ATOMIC_RELAXED);
+    if (need <= 0) return;
+    if (!any && (reader ? Stored() : Room()) < need) return;
+    // Whoever swaps it rings: of a writer, the reader and a restart, exactly one.
+    if (__atomic_compare_exchange_n(word, &need, 0, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED)) {
+        m_watch.ring(m_watch.ringContext, reader);
+    }
 }
 
 // Reader side, instead of a bare wait on the semaphore.
@@ -235,7 +263,10 @@ int KelCycleBufferPrivate::SleepForData(int piece, int left, int timeoutMs) {
 // when the reader is about to leave and frees no more).
 void KelCycleBufferPrivate::WakeWriter(bool anyRoom) {
     // A reader leaving its call has fenced after its last piece already, or freed nothing.
-    if (!anyRoom) FullFence();
+    if (!anyRoom) {
+        FullFence();
+        RingPoller(false, false);
+    }
     int32_t* const word = WriterWord();
     int32_t need = __atomic_load_n(word, __ATOMIC_RELAXED);
     if (need <= 0 || (!anyRoom && Room() < need)) return;

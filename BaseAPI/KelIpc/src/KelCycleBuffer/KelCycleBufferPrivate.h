@@ -127,6 +127,16 @@ static_assert(offsetof(KelCBHead, reserved) + kGenerationOffset == 1024, "genera
 constexpr size_t kShutOffset = 196;
 static_assert(offsetof(KelCBHead, reserved) + kShutOffset == 1028, "end-of-stream offset");
 
+// An end of ours that waits on its descriptor (KelIpcSocket::PollFd) rather than in a call announces
+// what it waits for (header offsets 1088 and 1092): 0: it does not wait there; n > 0: the reader waits
+// for n bytes stored, the writer for n bytes of room. The other end, after each publication and fence,
+// swaps a satisfied word to 0 and rings that end's descriptor through the watch; restarts and the end of
+// the stream swap any word to 0 and ring.
+constexpr size_t kReaderPollsOffset = 256;
+constexpr size_t kWriterPollsOffset = 260;
+static_assert(offsetof(KelCBHead, reserved) + kReaderPollsOffset == 1088, "reader polls offset");
+static_assert(offsetof(KelCBHead, reserved) + kWriterPollsOffset == 1092, "writer polls offset");
+
 // Between an end's store of its own word and its load of the other side's. ThreadSanitizer rejects
 // fences; there a locked read-modify-write, which orders the same on x86, stands in.
 inline void FullFence() {
@@ -191,6 +201,10 @@ public:
     int32_t* WriterWord() const { return reinterpret_cast<int32_t*>(m_head->reserved + kWriterWordOffset); }
     int32_t* ReaderCpu() const { return reinterpret_cast<int32_t*>(m_head->reserved + kReaderCpuOffset); }
     int32_t* WriterCpu() const { return reinterpret_cast<int32_t*>(m_head->reserved + kWriterCpuOffset); }
+    int32_t* PollsWord(bool reader) const {
+        return reinterpret_cast<int32_t*>(m_head->reserved +
+                                          (reader ? kReaderPollsOffset : kWriterPollsOffset));
+    }
     // Bytes stored (or free) as the header says now; 0 when a corrupt length gives no ring.
     int64_t Stored() const {
         const int32_t len = LoadRelaxed(m_head->dataLen);
@@ -209,6 +223,10 @@ public:
     bool ReaderGoneNow();
     int WaitOnSemaphore(int timeoutMs);
     int WakeReader(KelCycleBuffer& ring);
+    void WakeAfterNonblockWrite();
+    // After a fence: rings the reader's (or writer's) descriptor when its polls word is set and, unless
+    // any, satisfied; with any the word is swapped whatever it says (restarts, end of stream).
+    void RingPoller(bool reader, bool any);
     int SleepForData(int piece, int left, int timeoutMs);
     int WriteOnce(const char* data, int count);
     int ReadOnce(char* buffer, int count);

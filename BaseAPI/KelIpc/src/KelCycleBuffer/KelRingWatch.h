@@ -13,6 +13,10 @@ struct KelRingWatch {
     // Called by Start: a server forgets a dead client so that the next one may attach.
     void (*restarted)(void* context) = nullptr;
     void* context = nullptr;
+    // Rings the descriptor of this ring's reader end (reader true) or writer end, whose polls word this
+    // end has just swapped to 0; null where nobody can be rung (a ring attached outside a socket).
+    void (*ring)(void* context, bool reader) = nullptr;
+    void* ringContext = nullptr;
 };
 
 void KelCycleBufferWatch(KelCycleBuffer& ring, const KelRingWatch& watch);
@@ -30,6 +34,16 @@ int KelCycleBufferReadSome(KelCycleBuffer& ring, char* buffer, int count);
 // Writer side: waits up to timeoutMs (above 0) until the reader has taken every byte. IPC_OK, or
 // IPC_ERR_TIMEOUT, IPC_ERR_PEER_GONE, IPC_ERR_NOT_OPENED (stopped: what was left is gone).
 int KelCycleBufferDrain(KelCycleBuffer& ring, int timeoutMs);
+
+// An end about to wait on its descriptor for this ring: announces need bytes (stored when reading, free
+// when writing), fences and tests again. True, with the word withdrawn, when the call may proceed after
+// all: enough bytes or room, the stream's end, a stopped ring, or a peer gone (looked at afresh when
+// fresh is set).
+bool KelCycleBufferArm(KelCycleBuffer& ring, bool reading, int need, bool fresh);
+// Whether this end's polls word for the direction is still up: nobody has claimed its wake-up yet.
+bool KelCycleBufferArmed(KelCycleBuffer& ring, bool reading);
+// Whether Read and Write of this ring return at once (non-blocking mode).
+bool KelCycleBufferNonBlocking(KelCycleBuffer& ring);
 
 // The cross-process channel's attach. A server's block is a segment just created, zero already:
 // clearing it again would erase a client that mapped it meanwhile. A client refuses (IPC_ERR_FAILED,

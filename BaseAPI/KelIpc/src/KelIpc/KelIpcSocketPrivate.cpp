@@ -59,13 +59,20 @@ int KelIpcSocketPrivate::OpenIpc(KelSide side, const char* name, const KelSecuri
     // L decides between ends of one side opening at once (a server's claim of the name, a client's
     // token); R follows L's winner, so the two directions never go to two ends.
     m_shut.store(false, std::memory_order_relaxed);
+    KelRingWatch lWatch = m_watch;
+    KelRingWatch rWatch = m_watch;
+    HookPoll(Process, base, security != nullptr ? static_cast<mode_t>(security->mode) : 0660, lWatch, rWatch);
     int rc = m_ipcL->Open(side, (base + "_XL").c_str(), BlockFor(m_lSize),
-                          static_cast<KelSystemSemaphore*>(m_lSemaphore), security, m_lMode, m_watch);
+                          static_cast<KelSystemSemaphore*>(m_lSemaphore), security, m_lMode, lWatch);
     if (rc == IPC_OK) {
         rc = m_ipcR->Open(side, (base + "_XR").c_str(), BlockFor(m_rSize),
-                          static_cast<KelSystemSemaphore*>(m_rSemaphore), security, m_rMode, m_watch);
+                          static_cast<KelSystemSemaphore*>(m_rSemaphore), security, m_rMode, rWatch);
     }
-    if (rc != IPC_OK) CleanResource(false);
+    if (rc != IPC_OK) {
+        CleanResource(false);
+        return rc;
+    }
+    AttachPoll(&m_ipcL->Token(), m_ipcL->Ring().Buffer().KelCBHeadPtr());
     return rc;
 }
 
@@ -75,14 +82,37 @@ int KelIpcSocketPrivate::OpenLocal(KelSide side, const char* name) {
     m_localR.reset(new KelLocalSockImpl);
     const std::string base(name);
     m_shut.store(false, std::memory_order_relaxed);
+    KelRingWatch lWatch = m_watch;
+    KelRingWatch rWatch = m_watch;
+    HookPoll(Local, base, 0, lWatch, rWatch);
     int rc = m_localL->Open(side, (base + "_OL").c_str(), BlockFor(m_lSize),
-                            static_cast<KelSemaphore*>(m_lSemaphore), m_lMode, m_watch);
+                            static_cast<KelSemaphore*>(m_lSemaphore), m_lMode, lWatch);
     if (rc == IPC_OK) {
         rc = m_localR->Open(side, (base + "_OR").c_str(), BlockFor(m_rSize),
-                            static_cast<KelSemaphore*>(m_rSemaphore), m_rMode, m_watch);
+                            static_cast<KelSemaphore*>(m_rSemaphore), m_rMode, rWatch);
     }
-    if (rc != IPC_OK) CleanResource(false);
+    if (rc != IPC_OK) {
+        CleanResource(false);
+        return rc;
+    }
+    AttachPoll(nullptr, nullptr);
     return rc;
+}
+
+// The server reads L and writes R, the client the reverse.
+void KelIpcSocketPrivate::HookPoll(KelIpcType type, const std::string& name, mode_t mode,
+                                   KelRingWatch& lWatch, KelRingWatch& rWatch) {
+    m_poll.Bind(type, m_side, name, mode);
+    const bool server = m_side == Server;
+    m_poll.Hook(lWatch, server ? KelPollDescriptor::kRead : KelPollDescriptor::kWrite);
+    m_poll.Hook(rWatch, server ? KelPollDescriptor::kWrite : KelPollDescriptor::kRead);
+}
+
+void KelIpcSocketPrivate::AttachPoll(const KelPeerToken* token, const KelCBHead* head) {
+    KelChannelRing* read = nullptr;
+    KelChannelRing* write = nullptr;
+    if (Select(kRead, read) == IPC_OK && Select(kWrite, write) == IPC_OK)
+        m_poll.Attach(read->Buffer(), write->Buffer(), token, head);
 }
 
 namespace {
@@ -98,10 +128,13 @@ void CloseChannel(std::unique_ptr<Channel>& channel, const char* type, bool stop
 }  // namespace
 
 void KelIpcSocketPrivate::CleanResource(bool stop) {
+    // The rings' stops still ring the descriptors; the header the descriptor follows goes with L.
+    m_poll.Detach();
     CloseChannel(m_ipcL, "KelIpcSockImpl", stop);
     CloseChannel(m_ipcR, "KelIpcSockImpl", stop);
     CloseChannel(m_localL, "KelLocalSockImpl", stop);
     CloseChannel(m_localR, "KelLocalSockImpl", stop);
+    m_poll.Close();
 }
 
 int KelIpcSocketPrivate::Select(Direction direction, KelChannelRing*& ring) {

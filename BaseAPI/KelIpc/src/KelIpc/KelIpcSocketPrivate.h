@@ -4,10 +4,12 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <string>
 
 #include "KelIpc.h"
 #include "KelIpcSockImpl.h"
 #include "KelLocalSockImpl.h"
+#include "KelPollDescriptor.h"
 
 // The socket's state: options, side and, while open, one channel pair of one transport. The transport is
 // not stored; it is told by which pair is set.
@@ -22,6 +24,10 @@ public:
     // Closes and frees every channel; failures are logged. Never throws. A failed open passes stop false:
     // the rings it attached are the server's too, and must run on.
     void CleanResource(bool stop = true);
+    // Around the channels' Open: the descriptor's hooks in each ring's watch, then what it follows.
+    void HookPoll(KelIpcType type, const std::string& name, mode_t mode, KelRingWatch& lWatch,
+                  KelRingWatch& rWatch);
+    void AttachPoll(const KelPeerToken* token, const KelCBHead* head);
 
     // The ring of the direction this end reads or writes (the server reads L and writes R, the client the
     // reverse). IPC_ERR_NOT_OPENED when closed, IPC_ERR_PARAM for an unknown side.
@@ -74,6 +80,7 @@ public:
     std::unique_ptr<KelIpcSockImpl> m_ipcR;
     std::unique_ptr<KelLocalSockImpl> m_localL;
     std::unique_ptr<KelLocalSockImpl> m_localR;
+    KelPollDescriptor m_poll;     // PollFd's, once asked for
     std::mutex m_mutex;           // held by Close and Stop
     std::atomic<int> m_calls{0};  // calls inside the channels
     std::atomic<bool> m_closing{false};

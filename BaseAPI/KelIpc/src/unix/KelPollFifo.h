@@ -1,0 +1,38 @@
+#ifndef KEL_POLL_FIFO_H
+#define KEL_POLL_FIFO_H
+
+#include <sys/types.h>
+
+#include <string>
+
+// A FIFO under /dev/shm through which the other end of a Process channel rings this end's descriptor
+// (KelIpcSocket::PollFd). The end that polls creates it and removes it at Close; the other end opens it
+// by name whenever it must ring. Each ring is one byte: a full FIFO is readable already.
+class KelPollFifo {
+public:
+    KelPollFifo() = default;
+    ~KelPollFifo() { Close(); }
+    KelPollFifo(const KelPollFifo&) = delete;
+    KelPollFifo& operator=(const KelPollFifo&) = delete;
+
+    // Creates path with exactly mode and opens it for reading and writing, so that it never reports a
+    // hang-up. A FIFO of a trusted user left under the name (by an end of this side that died) is
+    // replaced. IPC_ERR_ACCESS when anything else holds the name; IPC_ERR_FAILED (logged).
+    int Create(const std::string& path, mode_t mode);
+    int Fd() const { return m_fd; }
+    // Closes and removes the name while it still refers to this FIFO.
+    void Close();
+
+    // The ringing end: opens path for reading and writing (never blocks, never raises SIGPIPE), -1 when
+    // it is missing or not a FIFO of a trusted user (logged).
+    static int OpenPeer(const std::string& path);
+    // Empties a descriptor's FIFO; true when anything was there.
+    static bool Drain(int fd);
+    static void Ring(int fd);
+
+private:
+    int m_fd = -1;
+    std::string m_path;
+};
+
+#endif  // KEL_POLL_FIFO_H
