@@ -73,43 +73,6 @@ struct SharedRing {
     KelCycleBuffer server;
 };
 
-// An end written from the ring format alone: positions, and a signal after every piece it writes; it
-// never looks at the reserved area. True when all total bytes went through in order.
-bool BareEnd(KelCBHead* head, KelSystemSemaphore& sem, int64_t total, bool writes) {
-    char* const area = reinterpret_cast<char*>(head) + kHead;
-    const int64_t len = head->dataLen;
-    int32_t* const own = writes ? &head->writePos : &head->readPos;
-    int32_t* const other = writes ? &head->readPos : &head->writePos;
-    for (int64_t done = 0; done < total;) {
-        const int32_t at = __atomic_load_n(own, __ATOMIC_RELAXED);
-        const int32_t peer = __atomic_load_n(other, __ATOMIC_ACQUIRE);
-        const int64_t stored = ((writes ? at - peer : peer - at) + len) % len;
-        const int64_t piece = std::min<int64_t>(kChunk, total - done);
-        if ((writes ? len - 1 - stored : stored) < piece) {
-            // A bare writer polls for room; a bare reader sleeps until a signal.
-            if (writes) {
-                KelSleep(1);
-                sem.Release();
-            } else if (sem.Acquire() != IPC_OK && errno != EINTR) {
-                return false;
-            }
-            continue;
-        }
-        for (int64_t i = 0; i < piece; ++i) {
-            char& byte = area[(at + i) % len];
-            if (writes) {
-                byte = kt::PatternByte(done + i);
-            } else if (byte != kt::PatternByte(done + i)) {
-                return false;
-            }
-        }
-        __atomic_store_n(own, static_cast<int32_t>((at + piece) % len), __ATOMIC_RELEASE);
-        if (writes) sem.Release();
-        done += piece;
-    }
-    return true;
-}
-
 // Bursts of random sizes with random pauses on either side, so that each is sometimes the faster one
 // and the reader falls asleep and is woken again and again. With consumed, the writer often waits after
 // a burst for the reader to report every byte read: a wake-up lost at the end of a burst leaves the
@@ -273,7 +236,15 @@ TEST(KelRingHandshake, EndsThatIgnoreTheWordsStreamWithOursBothWays) {
             ring.server, true,
             [&] {
                 KelSystemSemaphore sem;
-                return ring.Peer(sem, nullptr) && BareEnd(ring.Head(), sem, total, bareWrites);
+                // A bare writer polls for room, pausing 1 ms and signalling; a bare reader sleeps until a
+                // signal.
+                const auto pause = [&] {
+                    if (!bareWrites) return sem.Acquire() == IPC_OK || errno == EINTR;
+                    KelSleep(1);
+                    return sem.Release() == IPC_OK;
+                };
+                return ring.Peer(sem, nullptr) &&
+                       kt::BareEnd(ring.Head(), total, bareWrites, kChunk, pause, [&] { sem.Release(); });
             },
             [&] { return BurstyEnd(ours, !bareWrites, total, 1, 2, nullptr); }))
             << (bareWrites ? "a bare writer to our reader" : "our writer to a bare reader");

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <thread>
@@ -23,6 +24,7 @@ std::vector<std::string> g_names;
 const char* const kSuffixes[] = {"", "_XL", "_XR", "_OL", "_OR"};
 
 void RemoveAllFor(const std::string& base) {
+    for (const char* poll : {"_XS_poll", "_XC_poll"}) unlink(("/dev/shm/" + base + poll).c_str());
     for (const char* suffix : kSuffixes) {
         RemoveShm(base + suffix + "_shm");
         RemoveSem(base + suffix + "_ssm");
@@ -182,6 +184,36 @@ int64_t FirstWrong(const char* bytes, size_t n, uint64_t from) {
         if (bytes[i] != PatternByte(from + i)) return static_cast<int64_t>(i);
     }
     return -1;
+}
+
+bool BareEnd(KelCBHead* head, int64_t total, bool writes, int chunk, const std::function<bool()>& pause,
+             const std::function<void()>& signal) {
+    char* const area = reinterpret_cast<char*>(head) + sizeof(KelCBHead);
+    const int64_t len = head->dataLen;
+    int32_t* const own = writes ? &head->writePos : &head->readPos;
+    int32_t* const other = writes ? &head->readPos : &head->writePos;
+    for (int64_t done = 0; done < total;) {
+        const int32_t at = __atomic_load_n(own, __ATOMIC_RELAXED);
+        const int32_t peer = __atomic_load_n(other, __ATOMIC_ACQUIRE);
+        const int64_t stored = ((writes ? at - peer : peer - at) + len) % len;
+        const int64_t piece = std::min<int64_t>(chunk, total - done);
+        if ((writes ? len - 1 - stored : stored) < piece) {
+            if (!pause()) return false;
+            continue;
+        }
+        for (int64_t i = 0; i < piece; ++i) {
+            char& byte = area[(at + i) % len];
+            if (writes) {
+                byte = PatternByte(done + i);
+            } else if (byte != PatternByte(done + i)) {
+                return false;
+            }
+        }
+        __atomic_store_n(own, static_cast<int32_t>((at + piece) % len), __ATOMIC_RELEASE);
+        if (writes) signal();
+        done += piece;
+    }
+    return true;
 }
 
 int ChannelObjects(const std::string& name) {

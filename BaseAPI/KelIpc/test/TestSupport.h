@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "KelCycleBuffer.h"
 #include "KelLogger.h"
 
 namespace kt {
@@ -77,6 +78,13 @@ inline char PatternByte(uint64_t i) {
 std::vector<char> Pattern(size_t n, uint64_t from = 0);
 // The index of the first of n bytes that differs from the pattern at from, or -1.
 int64_t FirstWrong(const char* bytes, size_t n, uint64_t from);
+
+// An end written from the ring format alone, on the ring whose header is head: positions, and signal()
+// after every piece it writes; it never looks at the reserved area. When it can move nothing, pause() runs
+// (a bare writer pauses and signals, a bare reader waits on the semaphore); false from it ends the stream.
+// True when all total bytes of the pattern went through in order, in pieces of at most chunk.
+bool BareEnd(KelCBHead* head, int64_t total, bool writes, int chunk, const std::function<bool()>& pause,
+             const std::function<void()>& signal);
 
 // Holds one thread of this process inside a SIGUSR1 handler, wherever it runs, until Release (or five
 // seconds); the previous handler comes back at destruction.
