@@ -3,9 +3,11 @@
 #include <KelCycleBuffer.h>
 #include <KelShareMemory.h>
 #include <KelSystemSemaphore.h>
+#include <fcntl.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -77,6 +79,23 @@ bool ActOnRing(const ChannelObjects& channel, Direction direction, bool start) {
     return true;
 }
 
+// An end that waits on its descriptor (PollFd) learns of the stop through its FIFO, as from an end's stop.
+void RingPolls(const ChannelObjects& channel) {
+    for (const ChannelObjects::Side side : ChannelObjects::kSides) {
+        const int fd = open(channel.PollPath(side).c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
+        if (fd < 0) continue;
+        struct stat st;
+        const char byte = 1;
+        // Only a FIFO of this user or root is the channel's: the name is anyone's to take.
+        if (fstat(fd, &st) == 0 && S_ISFIFO(st.st_mode) && (st.st_uid == geteuid() || st.st_uid == 0) &&
+            write(fd, &byte, 1) < 0 && errno != EAGAIN) {
+            std::fprintf(stderr, "kelipc stop: cannot ring %s: %s\n", channel.PollPath(side).c_str(),
+                         std::strerror(errno));
+        }
+        close(fd);
+    }
+}
+
 int RingCommand(const std::string& name, bool start) {
     const ChannelObjects channel(name);
     if (!channel.StatSegment(ChannelObjects::kL).present &&
@@ -90,6 +109,7 @@ int RingCommand(const std::string& name, bool start) {
     bool ok = true;
     for (const Direction direction : ChannelObjects::kDirections)
         ok = ActOnRing(channel, direction, start) && ok;
+    if (!start) RingPolls(channel);
     return ok ? kExitOk : kExitFailure;
 }
 
@@ -102,7 +122,8 @@ CommandRun SetupRing(CLI::App& command, bool start) {
             : "Stops both directions of the live Process channel NAME from outside, as either end may:\n"
               "clears the run flag, empties the rings and wakes a sleeping reader, so that every transfer\n"
               "of both ends returns IPC_ERR_NOT_OPENED until an end (or 'kelipc start') starts the channel\n"
-              "again. Releases a process blocked on a channel whose peer died.");
+              "again, and rings the descriptor FIFO of each end that has one, so event loops see it too.\n"
+              "Releases a process blocked on a channel whose peer died.");
     command.add_option("NAME", *name, "the socket name")->required()->check(Arguments::ChannelName());
     return [name, start] { return RingCommand(*name, start); };
 }
@@ -145,6 +166,8 @@ CleanResult CleanChannel(const ChannelObjects& channel, bool force, bool keepRec
         semIds[direction] = semget(channel.SemKey(direction), 0, 0);
         any = any || segments[direction] || semIds[direction] != -1;
     }
+    for (const ChannelObjects::Side side : ChannelObjects::kSides)
+        any = any || channel.StatPoll(side).present;
     if (!any) return CleanResult::kAbsent;
     users = MapperList(channel.FindMappers());
     if (!users.empty() && !force) return CleanResult::kInUse;
@@ -157,6 +180,15 @@ CleanResult CleanChannel(const ChannelObjects& channel, bool force, bool keepRec
         } else if (errno != ENOENT) {
             std::fprintf(stderr, "kelipc clean: cannot remove %s: %s\n", channel.ShmPath(direction).c_str(),
                          std::strerror(errno));
+            ok = false;
+        }
+    }
+    for (const ChannelObjects::Side side : ChannelObjects::kSides) {
+        const std::string fifo = channel.PollPath(side);
+        if (unlink(fifo.c_str()) == 0) {
+            std::printf("removed descriptor FIFO %s\n", fifo.c_str());
+        } else if (errno != ENOENT) {
+            std::fprintf(stderr, "kelipc clean: cannot remove %s: %s\n", fifo.c_str(), std::strerror(errno));
             ok = false;
         }
     }
@@ -283,8 +315,9 @@ CommandRun SetupStart(CLI::App& command) {
 CommandRun SetupClean(CLI::App& command) {
     auto options = std::make_shared<CleanOptions>();
     command.footer(
-        "Removes the shared-memory segments and semaphore sets of the Process channel NAME. Refuses while a\n"
-        "process maps a segment, unless --force; processes that still map it keep their mapping but nobody\n"
+        "Removes the shared-memory segments, semaphore sets and descriptor FIFOs (<NAME>_XS_poll,\n"
+        "<NAME>_XC_poll) of the Process channel NAME. Refuses while a process maps a segment, unless\n"
+        "--force; processes that still map it keep their mapping but nobody\n"
         "can open the channel any more. --all removes every channel of the current user that no process\n"
         "maps, found from its segments in /dev/shm, and every semaphore set of the current user left "
         "without\n"

@@ -162,9 +162,21 @@ bool ChannelObjects::ValidName(const std::string& name) {
 }
 
 ChannelObjects::Segment ChannelObjects::StatSegment(Direction direction) const {
+    return StatPath(ShmPath(direction));
+}
+
+std::string ChannelObjects::PollPath(Side side) const {
+    return kShmDir + m_name + (side == kServer ? "_XS_poll" : "_XC_poll");
+}
+
+ChannelObjects::Segment ChannelObjects::StatPoll(Side side) const {
+    return StatPath(PollPath(side));
+}
+
+ChannelObjects::Segment ChannelObjects::StatPath(const std::string& path) {
     Segment segment;
     struct stat st;
-    if (lstat(ShmPath(direction).c_str(), &st) != 0) {
+    if (lstat(path.c_str(), &st) != 0) {
         if (errno != ENOENT) {
             segment.present = true;
             segment.error = errno;

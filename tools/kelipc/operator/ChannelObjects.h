@@ -90,6 +90,9 @@ public:
     std::string ShmPath(Direction direction) const;  // "/dev/shm/<name>_XL_shm"
     std::string SemName(Direction direction) const;  // "<name>_XL_ssm"
     key_t SemKey(Direction direction) const;
+    // "/dev/shm/<name>_XS_poll" (server) or "_XC_poll" (client): the FIFO through which that end's
+    // descriptor (PollFd) is rung; it exists while the end has one.
+    std::string PollPath(Side side) const;
     static const char* Tag(Direction direction);   // "L" or "R"
     static const char* Flow(Direction direction);  // "client->server" or "server->client"
     // The djb2 hash of the name's bytes taken as signed chars, as the library keys its sets.
@@ -98,6 +101,7 @@ public:
     static bool ValidName(const std::string& name);
 
     Segment StatSegment(Direction direction) const;
+    Segment StatPoll(Side side) const;  // its presence, mode and owner, as for a segment
     // Maps the header read-only, loads its words atomically and unmaps it.
     Ring ReadRing(Direction direction) const;
     Semaphore StatSemaphore(Direction direction) const;
@@ -124,6 +128,8 @@ public:
     static std::vector<int> SemaphoreSetIds();
 
 private:
+    static Segment StatPath(const std::string& path);
+
     std::string m_name;
 };
 

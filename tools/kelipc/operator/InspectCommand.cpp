@@ -76,6 +76,12 @@ Json InspectJson(const ChannelObjects& channel, const std::array<ChannelObjects:
                  {"server", EndJson(ends[ChannelObjects::kServer])},
                  {"client", EndJson(ends[ChannelObjects::kClient])},
                  {"warnings", warning.empty() ? Json::array() : Json::array({warning})}};
+    for (const ChannelObjects::Side side : ChannelObjects::kSides) {
+        const ChannelObjects::Segment fifo = channel.StatPoll(side);
+        Json poll = {{"path", channel.PollPath(side)}, {"present", fifo.present}};
+        if (fifo.present && fifo.error == 0) poll.update({{"mode", Octal(fifo.mode)}, {"uid", fifo.uid}});
+        json["pollFifos"][side == ChannelObjects::kServer ? "server" : "client"] = poll;
+    }
     for (const Direction direction : ChannelObjects::kDirections) {
         const ChannelObjects::State& state = states[direction];
         const ChannelObjects::Segment& segment = state.segment;
@@ -142,6 +148,12 @@ void PrintInspectText(const ChannelObjects& channel, const std::array<ChannelObj
         std::printf("  %s  %s", side == ChannelObjects::kServer ? "server" : "client",
                     ChannelObjects::LivenessName(ends[side].liveness));
         if (ends[side].pid != 0) std::printf("  pid %d", static_cast<int>(ends[side].pid));
+        const ChannelObjects::Segment fifo = channel.StatPoll(side);
+        if (fifo.present && fifo.error == 0) {
+            std::printf("  descriptor FIFO %s  mode %s  owner %s (%u)", channel.PollPath(side).c_str(),
+                        Octal(fifo.mode).c_str(), OwnerName(fifo.uid).c_str(),
+                        static_cast<unsigned>(fifo.uid));
+        }
         std::printf("\n");
     }
     const std::string warning = Warning(channel, states);

@@ -24,6 +24,7 @@ struct Summary {
     std::vector<ChannelObjects::Mapper> mappers;  // of either segment, once each
     bool mappersKnown = true;                     // false: another user's processes may map it unseen
     std::vector<std::string> reasons;             // why it is stale; empty when it is not
+    std::vector<std::string> polls;               // the sides whose descriptor FIFO exists
     std::string clean;                            // the command that removes it, when stale
 };
 
@@ -73,6 +74,9 @@ std::vector<Summary> Survey() {
             }
         }
         summary.ends = ChannelObjects::Ends(summary.states);
+        for (const ChannelObjects::Side side : ChannelObjects::kSides)
+            if (channel.StatPoll(side).present)
+                summary.polls.push_back(side == ChannelObjects::kServer ? "server" : "client");
         if (summary.ends[ChannelObjects::kServer].liveness == ChannelObjects::Liveness::kDead)
             summary.reasons.push_back("the server is dead");
         if (summary.ends[ChannelObjects::kClient].liveness == ChannelObjects::Liveness::kDead)
@@ -103,6 +107,7 @@ Json SummaryJson(const Summary& summary) {
                  {"server", EndJson(summary.ends[ChannelObjects::kServer])},
                  {"client", EndJson(summary.ends[ChannelObjects::kClient])},
                  {"mappers", mappers},
+                 {"descriptors", summary.polls},
                  {"stale", !summary.reasons.empty()},
                  {"reasons", summary.reasons}};
     for (const ChannelObjects::Direction direction : ChannelObjects::kDirections) {
@@ -129,7 +134,9 @@ void PrintSummary(const Summary& summary) {
         std::printf("%s%d (%s, %s)", i ? ", " : "", static_cast<int>(mapper.pid), mapper.command.c_str(),
                     ChannelObjects::RoleOf(mapper.pid, summary.ends));
     }
-    std::printf("\n");
+    std::string polls;
+    for (const std::string& side : summary.polls) polls += (polls.empty() ? "  descriptors: " : ", ") + side;
+    std::printf("%s\n", polls.c_str());
     if (summary.reasons.empty()) return;
     std::string reasons;
     for (const std::string& reason : summary.reasons) reasons += (reasons.empty() ? "" : ", ") + reason;

@@ -160,6 +160,34 @@ TEST(KelipcOperator, StopReleasesAReaderBlockedInAnotherProcessAndStartResumesIt
     server.Close();
 }
 
+// An end waiting on its descriptor (PollFd) sees an outside stop at once; its FIFO is shown and removed.
+TEST(KelipcOperator, StopRingsDescriptorsWhoseFifosInspectListAndCleanShowAndRemove) {
+    const std::string name = kt::UniqueName("oppoll");
+    KelIpcSocket server;
+    KelIpcSocket client;
+    ASSERT_EQ(IPC_OK, server.Open(Process, Server, name.c_str(), nullptr));
+    ASSERT_EQ(IPC_OK, client.Open(Process, Client, name.c_str(), nullptr));
+    pollfd entry{server.PollFd(), POLLIN, 0};
+    char byte = 0;
+    ASSERT_EQ(0, server.NonBlockRead(&byte, 1));
+    const nlohmann::json inspected = InspectJson(name);
+    EXPECT_EQ(true, inspected["pollFifos"]["server"]["present"]) << inspected.dump();
+    EXPECT_EQ(false, inspected["pollFifos"]["client"]["present"]) << inspected.dump();
+    EXPECT_EQ(nlohmann::json::array({"server"}), ListedChannel(name)["descriptors"]);
+
+    std::string out;
+    std::string err;
+    ASSERT_EQ(0, RunTool({"stop", name}, "", nullptr, &err)) << err;
+    EXPECT_EQ(1, poll(&entry, 1, 10000)) << "the stop did not ring the descriptor";
+    EXPECT_EQ(IPC_ERR_NOT_OPENED, server.NonBlockRead(&byte, 1));
+    EXPECT_EQ(0, RunTool({"clean", "--force", name}, "", &out, &err)) << err;
+    EXPECT_NE(std::string::npos, out.find("removed descriptor FIFO /dev/shm/" + name + "_XS_poll")) << out;
+    EXPECT_FALSE(kt::ShmExists(name + "_XS_poll"));
+    kt::LogCapture quiet;  // the ends' own removals now find nothing
+    client.Close();
+    server.Close();
+}
+
 TEST(KelipcOperator, CleanRemovesOnlyTheNamedChannelAndRefusesWhileMappedUnlessForced) {
     const std::string orphan = kt::UniqueName("oporphan");
     const std::string held = kt::UniqueName("opheld");
