@@ -113,6 +113,28 @@ check_examples() {
         grep -qxF "$line" "$out" || fail "$label: the outliving server missed: $line"
     done
 
+    echo "=== epoll_echo example ($label)"
+    local poll_out=$work/$label-epoll.txt names=() pids=() n
+    for n in 1 2 3; do names+=("kelipc-check-$$-$label-poll$n"); done
+    timeout 30 "$work/$label-cmake/epoll_echo" "${names[@]}" >"$poll_out" 2>&1 &
+    server_pid=$!
+    # The clients run at once, so the one loop serves them side by side.
+    for n in 1 2 3; do
+        timeout 20 "$work/$label-cmake/epoll_echo" --client "${names[n - 1]}" "hello $n" >"$poll_out.$n" 2>&1 &
+        pids+=($!)
+    done
+    for n in 1 2 3; do wait "${pids[n - 1]}" || { cat "$poll_out"*; fail "$label: epoll_echo client $n failed"; }; done
+    wait "$server_pid" || { cat "$poll_out"*; fail "$label: the epoll_echo server failed"; }
+    server_pid=
+    cat "$poll_out"*
+    for n in 1 2 3; do
+        grep -qxF "client ${names[n - 1]}: got \"hello $n\"" "$poll_out.$n" || fail "$label: no echo for client $n"
+        grep -qxF "epoll_echo: ${names[n - 1]}: echoed 7 bytes" "$poll_out" || fail "$label: the server missed client $n"
+    done
+    for n in 1 2 3; do
+        for object in /dev/shm/*"${names[n - 1]}"*; do [ ! -e "$object" ] || fail "$label: $object was left behind"; done
+    done
+
     echo "=== examples through pkg-config ($label)"
     mkdir "$work/$label-pkgconfig"
     local flags
