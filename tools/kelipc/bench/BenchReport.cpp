@@ -25,23 +25,26 @@ std::string Format(const char* format, double a, double b) {
 
 }  // namespace
 
-BenchStreamRow& BenchReport::Stream(const std::string& transport, bool kelIpc, uint64_t writeSize) {
+BenchStreamRow& BenchReport::Stream(const std::string& transport, bool kelIpc, uint64_t writeSize,
+                                    bool polled) {
     for (BenchStreamRow& row : m_stream)
         if (row.transport == transport && row.writeSize == writeSize) return row;
     m_stream.emplace_back();
     m_stream.back().transport = transport;
     m_stream.back().kelIpc = kelIpc;
     m_stream.back().writeSize = writeSize;
+    m_stream.back().polled = polled;
     return m_stream.back();
 }
 
-BenchLatencyRow& BenchReport::Latency(const std::string& transport, bool kelIpc, bool sameCpu) {
+BenchLatencyRow& BenchReport::Latency(const std::string& transport, bool kelIpc, bool sameCpu, bool polled) {
     for (BenchLatencyRow& row : m_latency)
         if (row.transport == transport && row.sameCpu == sameCpu) return row;
     m_latency.emplace_back();
     m_latency.back().transport = transport;
     m_latency.back().kelIpc = kelIpc;
     m_latency.back().sameCpu = sameCpu;
+    m_latency.back().polled = polled;
     return m_latency.back();
 }
 
@@ -68,7 +71,7 @@ double BenchReport::StreamRatio(const BenchStreamRow& row) const {
     const Summary mine = Of(row, [](const BenchStreamSample& s) { return s.mbps; });
     double best = 0;
     for (const BenchStreamRow& other : m_stream) {
-        if (other.kelIpc || other.writeSize != row.writeSize) continue;
+        if (other.kelIpc || other.writeSize != row.writeSize || other.polled != row.polled) continue;
         const Summary theirs = Of(other, [](const BenchStreamSample& s) { return s.mbps; });
         if (theirs.valid) best = std::max(best, theirs.median);
     }
@@ -80,7 +83,7 @@ double BenchReport::LatencyRatio(const BenchLatencyRow& row, bool p99) const {
     const Summary mine = Of(row, pick);
     double best = 0;
     for (const BenchLatencyRow& other : m_latency) {
-        if (other.kelIpc || other.sameCpu != row.sameCpu) continue;
+        if (other.kelIpc || other.sameCpu != row.sameCpu || other.polled != row.polled) continue;
         const Summary theirs = Of(other, pick);
         if (theirs.valid && (best == 0 || theirs.median < best)) best = theirs.median;
     }
@@ -118,8 +121,9 @@ void BenchReport::Print(FILE* out) const {
     std::fprintf(
         out,
         "stream throughput in MB/s (10^6 B/s), %s timed per case (64-byte writes: %s): median and range of\n"
-        "the runs; vs kernel = KelIpc median / best of pipe and socketpair; syscalls, vol. csw: system "
-        "calls\n"
+        "the runs; vs kernel = KelIpc median / best of pipe and socketpair (-epoll rows: / "
+        "socketpair-epoll,\n"
+        "both served by non-blocking calls and epoll); syscalls, vol. csw: system calls\n"
         "and voluntary context switches (sleeps) of the writer and reader threads together, per MiB or, for\n"
         "64-byte writes, per write; cpu (user+sys) of writer and reader in s: RUSAGE_SELF of each side's\n"
         "process (kelipc-local, whose sides share one: RUSAGE_THREAD); all medians over the timed part\n",
@@ -144,7 +148,9 @@ void BenchReport::Print(FILE* out) const {
         } else {
             bool best = true;
             for (const BenchStreamRow& other : m_stream) {
-                if (other.kelIpc || other.writeSize != row.writeSize || &other == &row) continue;
+                if (other.kelIpc || other.writeSize != row.writeSize || other.polled != row.polled ||
+                    &other == &row)
+                    continue;
                 const Summary theirs = Of(other, [](const BenchStreamSample& x) { return x.mbps; });
                 best = best && (!theirs.valid || theirs.median <= mbps.median);
             }
@@ -266,6 +272,7 @@ bool BenchReport::WriteJson(const std::string& path, std::string& error) const {
         const Summary vcsw = PerUnit(row, false);
         stream.push_back({{"transport", row.transport},
                           {"kelipc", row.kelIpc},
+                          {"epoll", row.polled},
                           {"write_bytes", row.writeSize},
                           {"bytes", row.bytes},
                           {"kernel_buffer", row.kernelBuffer},
@@ -293,6 +300,7 @@ bool BenchReport::WriteJson(const std::string& path, std::string& error) const {
                             {"cpu_children_s", x.cpuChildren}});
         latency.push_back({{"transport", row.transport},
                            {"kelipc", row.kelIpc},
+                           {"epoll", row.polled},
                            {"same_cpu", row.sameCpu},
                            {"message_bytes", 64},
                            {"median_p50_us", number(p50.median, p50.valid)},

@@ -22,6 +22,7 @@ struct BenchStreamSample {
 struct BenchStreamRow {
     std::string transport;
     bool kelIpc = false;
+    bool polled = false;  // served through epoll; compared only with rows served alike
     uint64_t writeSize = 0;
     uint64_t bytes = 0;    // timed bytes per run
     int kernelBuffer = 0;  // pipe or socket buffer granted; 0 for KelIpc
@@ -40,6 +41,7 @@ struct BenchLatencySample {
 struct BenchLatencyRow {
     std::string transport;
     bool kelIpc = false;
+    bool polled = false;   // served through epoll; compared only with rows served alike
     bool sameCpu = false;  // both ends pinned to one CPU; compared only with rows of the same kind
     std::vector<BenchLatencySample> samples;
     int failures = 0;
@@ -80,8 +82,8 @@ public:
 
     explicit BenchReport(const Settings& settings) : m_settings(settings) {}
 
-    BenchStreamRow& Stream(const std::string& transport, bool kelIpc, uint64_t writeSize);
-    BenchLatencyRow& Latency(const std::string& transport, bool kelIpc, bool sameCpu);
+    BenchStreamRow& Stream(const std::string& transport, bool kelIpc, uint64_t writeSize, bool polled);
+    BenchLatencyRow& Latency(const std::string& transport, bool kelIpc, bool sameCpu, bool polled);
     std::vector<BenchIdleSample>& Idle() { return m_idle; }
     void AddFailure(const std::string& what) { m_failures.push_back(what); }
     bool Failed() const { return !m_failures.empty(); }

@@ -31,8 +31,15 @@ const BenchTransport::Profile kTransports[] = {
     {BenchTransport::Pipe, 0, "pipe-1M"},
     {BenchTransport::SocketPair, 0, "socketpair"},
 };
+// Served as an event loop serves: non-blocking calls, and epoll when they cannot move (KelIpc on PollFd).
+const BenchTransport::Profile kPolledTransports[] = {
+    {BenchTransport::KelProcess, 0, "kelipc-process-epoll", true},
+    {BenchTransport::SocketPair, 0, "socketpair-epoll", true},
+};
+constexpr uint64_t kPolledWrite = 65536;
 // The round trip with both ends on one CPU: a wake-up there is a switch between the two ends.
-const BenchTransport::Profile kSameCpuTransports[] = {kTransports[0], kTransports[3], kTransports[4]};
+const BenchTransport::Profile kSameCpuTransports[] = {kTransports[0], kTransports[3], kTransports[4],
+                                                      kPolledTransports[0], kPolledTransports[1]};
 const uint64_t kWriteSizes[] = {64, 4096, 65536, 1 << 20};
 constexpr uint64_t kSmallWrite = 64;
 constexpr uint64_t kSmallVolumeDivisor = 16;  // 64-byte writes cost per call, not per byte
@@ -123,7 +130,8 @@ int BenchRunner::Run() {
     const int transports = static_cast<int>(sizeof kTransports / sizeof kTransports[0]);
     const int sameCpu = static_cast<int>(sizeof kSameCpuTransports / sizeof kSameCpuTransports[0]);
     const int sizes = static_cast<int>(sizeof kWriteSizes / sizeof kWriteSizes[0]);
-    m_caseCount = m_config.repeat * (transports * sizes + transports + sameCpu + 1);
+    const int polled = static_cast<int>(sizeof kPolledTransports / sizeof kPolledTransports[0]);
+    m_caseCount = m_config.repeat * (transports * sizes + transports + 2 * polled + sameCpu + 1);
     BusyLoad load;
     std::string error;
     if (!load.Start(m_config.load, error)) {
@@ -134,8 +142,13 @@ int BenchRunner::Run() {
         for (uint64_t size : kWriteSizes)
             for (const BenchTransport::Profile& profile : kTransports)
                 if (!StopSignal::Requested()) RunStream(profile, size);
+    for (int run = 0; run < m_config.repeat && !StopSignal::Requested(); ++run)
+        for (const BenchTransport::Profile& profile : kPolledTransports)
+            if (!StopSignal::Requested()) RunStream(profile, kPolledWrite);
     for (int run = 0; run < m_config.repeat && !StopSignal::Requested(); ++run) {
         for (const BenchTransport::Profile& profile : kTransports)
+            if (!StopSignal::Requested()) RunLatency(profile, false);
+        for (const BenchTransport::Profile& profile : kPolledTransports)
             if (!StopSignal::Requested()) RunLatency(profile, false);
         for (const BenchTransport::Profile& profile : kSameCpuTransports)
             if (!StopSignal::Requested()) RunLatency(profile, true);
@@ -186,7 +199,7 @@ void BenchRunner::RunStream(const BenchTransport::Profile& profile, uint64_t wri
     const bool ran = benchCase.Run(results, childCpu, error);
     BenchStreamRow& row = m_report.Stream(
         profile.label, profile.kind == BenchTransport::KelProcess || profile.kind == BenchTransport::KelLocal,
-        writeSize);
+        writeSize, profile.polled);
     row.bytes = reader.chunks * writeSize;
     row.kernelBuffer = benchCase.KernelBuffer();
     const BenchSideResult* in = Find(results, kRoleReader);
@@ -226,7 +239,7 @@ void BenchRunner::RunLatency(const BenchTransport::Profile& profile, bool sameCp
     const bool ran = benchCase.Run(results, childCpu, error);
     BenchLatencyRow& row = m_report.Latency(
         profile.label, profile.kind == BenchTransport::KelProcess || profile.kind == BenchTransport::KelLocal,
-        sameCpu);
+        sameCpu, profile.polled);
     const BenchSideResult* a = Find(results, kRolePinger);
     const BenchSideResult* b = Find(results, kRolePonger);
     if (ran && (a == nullptr || b == nullptr)) error = "a side did not report";
@@ -287,8 +300,10 @@ CommandRun SetupBench(CLI::App& command) {
         "Measures, side by side, streaming throughput for writes of 64 B, 4 KiB, 64 KiB and 1 MiB and\n"
         "64-byte round-trip latency through KelIpc (Process with default and 4 MiB blocks, Local\n"
         "between two threads), a pipe with a 1 MiB buffer and an AF_UNIX socket pair, each case in\n"
-        "fresh processes with the two sides on two CPUs and every byte checked on both sides; and the\n"
-        "CPU an idle KelIpc connection uses in one second.");
+        "fresh processes with the two sides on two CPUs and every byte checked on both sides; a 64 KiB\n"
+        "stream and the round trip once more with both sides served as an event loop serves them\n"
+        "(non-blocking calls, epoll on KelIpc's PollFd and on the socket pair); and the CPU an idle\n"
+        "KelIpc connection uses in one second.");
     command.add_flag("--quick", config->quick,
                      "smaller defaults: 32M per case, 1000 round trips (whole run well under 30 s)");
     command

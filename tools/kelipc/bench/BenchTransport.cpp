@@ -2,6 +2,7 @@
 #include "common/ResultText.h"
 
 #include <fcntl.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 namespace {
 
 constexpr int kPipeSize = 1 << 20;
+constexpr int kPollBoundMs = 10000;  // a polled wait this long is a failure, not a slow case
 
 std::string Errno(const char* call) {
     return std::string(call) + ": " + std::strerror(errno);
@@ -39,7 +41,8 @@ bool BenchTransport::Prepare(std::string& error) {
         }
         m_kernelBuffer = fcntl(m_fds[0][1], F_GETPIPE_SZ);
     } else if (m_profile.kind == SocketPair) {
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_fds[0]) != 0) {
+        const int nonBlocking = m_profile.polled ? SOCK_NONBLOCK : 0;
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | nonBlocking, 0, m_fds[0]) != 0) {
             error = Errno("socketpair");
             return false;
         }
@@ -84,7 +87,73 @@ int BenchTransport::OpenSocket(KelIpcSocket& socket, const Profile& profile, Kel
     return socket.Open(type, side, name.c_str(), nullptr);
 }
 
+bool BenchTransport::AwaitReady(int end, bool write, std::string& error) {
+    const uint32_t want = write && !IsKelIpc() ? EPOLLOUT : EPOLLIN;
+    if (m_epoll[end] < 0) {
+        m_epoll[end] = epoll_create1(EPOLL_CLOEXEC);
+        epoll_event event{};
+        event.events = want;
+        const int fd = IsKelIpc() ? m_sockets[end].PollFd() : m_fds[0][end];
+        if (m_epoll[end] < 0 || fd < 0 || epoll_ctl(m_epoll[end], EPOLL_CTL_ADD, fd, &event) != 0) {
+            error = Errno("epoll set");
+            return false;
+        }
+        m_waitFor[end] = want;
+    } else if (want != m_waitFor[end]) {
+        // As an epoll server does: it asks for EPOLLOUT only while a write waits.
+        epoll_event event{};
+        event.events = want;
+        if (epoll_ctl(m_epoll[end], EPOLL_CTL_MOD, m_fds[0][end], &event) != 0) {
+            error = Errno("epoll_ctl");
+            return false;
+        }
+        m_waitFor[end] = want;
+    }
+    epoll_event event{};
+    int rc;
+    do {
+        rc = epoll_wait(m_epoll[end], &event, 1, kPollBoundMs);
+    } while (rc < 0 && errno == EINTR);
+    if (rc <= 0) error = rc < 0 ? Errno("epoll_wait") : "no readiness within 10 s";
+    return rc > 0;
+}
+
+bool BenchTransport::WritePolled(int end, const char* data, size_t length, std::string& error) {
+    for (size_t done = 0; done < length;) {
+        ssize_t rc;
+        if (IsKelIpc()) {
+            rc = m_sockets[end].NonBlockWrite(data + done, static_cast<int>(length - done));
+            if (rc < 0) error = "KelIpcSocket NonBlockWrite rc=" + ResultText(static_cast<int>(rc));
+        } else {
+            rc = write(m_fds[0][end], data + done, length - done);
+            if (rc < 0 && (errno == EAGAIN || errno == EINTR)) rc = 0;
+            if (rc < 0) error = Errno("write");
+        }
+        if (rc < 0 || (rc == 0 && !AwaitReady(end, true, error))) return false;
+        done += static_cast<size_t>(rc);
+    }
+    return true;
+}
+
+bool BenchTransport::ReadPolled(int end, char* buffer, size_t length, std::string& error) {
+    for (size_t done = 0; done < length;) {
+        ssize_t rc;
+        if (IsKelIpc()) {
+            rc = m_sockets[end].NonBlockRead(buffer + done, static_cast<int>(length - done));
+            if (rc < 0) error = "KelIpcSocket NonBlockRead rc=" + ResultText(static_cast<int>(rc));
+        } else {
+            rc = read(m_fds[0][end], buffer + done, length - done);
+            if (rc < 0 && (errno == EAGAIN || errno == EINTR)) rc = 0;
+            if (rc < 0) error = Errno("read");
+        }
+        if (rc < 0 || (rc == 0 && !AwaitReady(end, false, error))) return false;
+        done += static_cast<size_t>(rc);
+    }
+    return true;
+}
+
 bool BenchTransport::WriteAll(int end, const char* data, size_t length, std::string& error) {
+    if (m_profile.polled) return WritePolled(end, data, length, error);
     size_t done = 0;
     if (IsKelIpc()) {
         KelIpcSocket& socket = m_sockets[end];
@@ -114,6 +183,7 @@ bool BenchTransport::WriteAll(int end, const char* data, size_t length, std::str
 }
 
 bool BenchTransport::ReadAll(int end, char* buffer, size_t length, std::string& error) {
+    if (m_profile.polled) return ReadPolled(end, buffer, length, error);
     size_t done = 0;
     if (IsKelIpc()) {
         KelIpcSocket& socket = m_sockets[end];
@@ -156,6 +226,7 @@ void BenchTransport::Close() {
         CloseFd(pair[0]);
         CloseFd(pair[1]);
     }
+    for (int& set : m_epoll) CloseFd(set);
 }
 
 void BenchTransport::Sweep(const Profile& profile, const std::string& name) {
@@ -163,6 +234,8 @@ void BenchTransport::Sweep(const Profile& profile, const std::string& name) {
     // A server open removes and recreates the objects of the name; its close removes them for good.
     KelIpcSocket socket;
     if (OpenSocket(socket, profile, Process, Server, name) == IPC_OK) socket.Close();
+    // A killed end leaves its descriptor FIFO too.
+    for (const char* poll : {"_XS_poll", "_XC_poll"}) unlink(("/dev/shm/" + name + poll).c_str());
 }
 
 int BenchTransport::WriteFd(int end) const {

@@ -4,6 +4,7 @@
 #include <KelIpc.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 // One duplex connection under test with two ends: end 0 (the KelIpc server; the reader of a stream, the
@@ -17,6 +18,8 @@ public:
         Kind kind;
         int block;          // KelIpc block per direction; 0 for the library's default
         const char* label;  // the row name in reports
+        bool polled =
+            false;  // non-blocking calls, waiting in epoll (KelIpc: on PollFd) when they cannot move
     };
 
     BenchTransport(Profile profile, std::string name);
@@ -50,6 +53,10 @@ public:
 private:
     static int OpenSocket(KelIpcSocket& socket, const Profile& profile, KelIpcType type, KelSide side,
                           const std::string& name);
+    bool WritePolled(int end, const char* data, size_t length, std::string& error);
+    bool ReadPolled(int end, char* buffer, size_t length, std::string& error);
+    // Waits in the end's epoll set until it may proceed (a socket pair's end: writable or readable).
+    bool AwaitReady(int end, bool write, std::string& error);
     int WriteFd(int end) const;
     int ReadFd(int end) const;
     static void CloseFd(int& fd);
@@ -61,6 +68,8 @@ private:
     // SocketPair: m_fds[0][0] is end 0's socket, m_fds[0][1] end 1's.
     int m_fds[2][2] = {{-1, -1}, {-1, -1}};
     int m_kernelBuffer = 0;
+    int m_epoll[2] = {-1, -1};       // polled profiles: each end's set, made at its first wait
+    uint32_t m_waitFor[2] = {0, 0};  // a socket pair's end: the event its set waits for now
 };
 
 #endif  // KELIPC_TOOL_BENCH_TRANSPORT_H

@@ -40,17 +40,26 @@ TEST(KelipcBench, ShortRunUnderLoadReportsEveryRowAndLeavesNothingBehind) {
         EXPECT_EQ(counted, row[std::string("median_syscalls_") + per].is_number()) << row;
         EXPECT_GE(row["runs"][0]["vcsw_reader"].get<int>(), 0) << row;
     }
-    EXPECT_EQ(20u, json["stream"].size());
+    EXPECT_EQ(22u, json["stream"].size());
     std::vector<std::string> latency;
     for (const auto& row : json["latency"])
         latency.push_back(row["transport"].get<std::string>() + (row["same_cpu"] == true ? "/1cpu" : ""));
-    const std::vector<std::string> expected = {"kelipc-process", "kelipc-process-4M", "kelipc-local",
-                                               "pipe-1M",        "socketpair",        "kelipc-process/1cpu",
-                                               "pipe-1M/1cpu",   "socketpair/1cpu"};
+    const std::vector<std::string> expected = {"kelipc-process",
+                                               "kelipc-process-4M",
+                                               "kelipc-local",
+                                               "pipe-1M",
+                                               "socketpair",
+                                               "kelipc-process-epoll",
+                                               "socketpair-epoll",
+                                               "kelipc-process/1cpu",
+                                               "pipe-1M/1cpu",
+                                               "socketpair/1cpu",
+                                               "kelipc-process-epoll/1cpu",
+                                               "socketpair-epoll/1cpu"};
     EXPECT_EQ(expected, latency);
     EXPECT_EQ(1u, json["idle"]["runs"].size());
     // Every case has a socket name of its own: the prefix and its index.
-    for (int index = 0; index < 40; ++index) {
+    for (int index = 0; index < 48; ++index) {
         EXPECT_EQ(0, kt::ChannelObjects(name + "_" + std::to_string(index))) << index;
     }
 }
