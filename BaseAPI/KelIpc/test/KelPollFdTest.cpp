@@ -27,79 +27,26 @@
 #include "KelDateTime.h"
 #include "KelIpc.h"
 #include "KelSystemSemaphore.h"
+#include "PollFlow.h"
 #include "TestSupport.h"
 
 namespace {
 
-constexpr int kBlock = 65536;
-constexpr int kMostPerCall = 20000;  // two calls' worth fit in kBlock's ring only sometimes
-constexpr int kQuietMs = 2000;       // an epoll_wait this quiet while work is left lost a wake-up
-
-// Opens an end with kBlock rings; polled ends take both directions non-blocking, so ReadSome returns at once.
-int OpenEnd(KelIpcSocket& socket, KelIpcType type, KelSide side, const std::string& name, bool polled) {
-    int block = kBlock;
-    socket.SetOption(LBufferSize, &block);
-    socket.SetOption(RBufferSize, &block);
-    if (polled) {
-        socket.SetOption(LNonBlock, nullptr);
-        socket.SetOption(RNonBlock, nullptr);
-    }
-    return socket.Open(type, side, name.c_str(), nullptr);
-}
-
-// One connection's end under an event loop: total bytes each way, written in random sizes through
-// NonBlockWrite (a write that passed nothing is tried again as it was) and read through NonBlockRead and
-// ReadSome, every byte checked.
-struct Flow {
-    KelIpcSocket* socket;
-    int64_t total;
-    std::mt19937 random;
-    int64_t sent = 0;
-    int64_t got = 0;
-    int pending = 0;
-    std::vector<char> buffer = std::vector<char>(kMostPerCall);
-
-    bool Done() const { return sent == total && got == total; }
-    // Moves what it can now; false with why on a wrong byte or a code.
-    bool Pump(std::string& why) {
-        while (sent < total) {
-            const int n =
-                pending != 0 ? pending
-                             : static_cast<int>(std::min<int64_t>(1 + random() % kMostPerCall, total - sent));
-            const std::vector<char> bytes = kt::Pattern(n, sent);
-            const int rc = socket->NonBlockWrite(bytes.data(), n);
-            pending = rc == 0 ? n : 0;
-            if (rc == 0) break;
-            if (rc != n) return Fail(why, "NonBlockWrite", rc);
-            sent += n;
-        }
-        while (got < total) {
-            const int n = static_cast<int>(std::min<int64_t>(1 + random() % kMostPerCall, total - got));
-            const int rc = random() % 2 != 0 ? socket->ReadSome(buffer.data(), n)
-                                             : socket->NonBlockRead(buffer.data(), n);
-            if (rc == 0) break;
-            if (rc < 0 || rc > n) return Fail(why, "a read", rc);
-            if (kt::FirstWrong(buffer.data(), rc, got) >= 0) return Fail(why, "a wrong byte after", got);
-            got += rc;
-        }
-        return true;
-    }
-    static bool Fail(std::string& why, const char* what, int64_t value) {
-        why = std::string(what) + " " + std::to_string(value);
-        return false;
-    }
-};
+using kt::kBlock;
+using kt::OpenEnd;
+using kt::PollFlow;
+constexpr int kQuietMs = 2000;  // an epoll_wait this quiet while work is left lost a wake-up
 
 // Serves flows from one thread through one epoll set, level- or edge-triggered, until every flow is done.
 // Empty on success, else what went wrong.
-std::string Serve(std::vector<Flow>& flows, bool edge) {
+std::string Serve(std::vector<PollFlow>& flows, bool edge) {
     const int set = epoll_create1(EPOLL_CLOEXEC);
     std::vector<uint32_t> ready;
     for (uint32_t i = 0; i < flows.size(); ++i) {
         epoll_event event{};
         event.events = EPOLLIN | (edge ? EPOLLET : 0u);
         event.data.u32 = i;
-        if (epoll_ctl(set, EPOLL_CTL_ADD, flows[i].socket->PollFd(), &event) != 0) return "epoll_ctl ADD";
+        if (epoll_ctl(set, EPOLL_CTL_ADD, flows[i].Socket().PollFd(), &event) != 0) return "epoll_ctl ADD";
         ready.push_back(i);  // every flow tries before it waits
     }
     std::string why;
@@ -107,7 +54,7 @@ std::string Serve(std::vector<Flow>& flows, bool edge) {
         for (const uint32_t i : ready) {
             if (flows[i].Done() || !flows[i].Pump(why)) continue;
             // A finished flow leaves the set: its peer's close will ring it.
-            if (flows[i].Done() && epoll_ctl(set, EPOLL_CTL_DEL, flows[i].socket->PollFd(), nullptr) == 0)
+            if (flows[i].Done() && epoll_ctl(set, EPOLL_CTL_DEL, flows[i].Socket().PollFd(), nullptr) == 0)
                 --left;
         }
         epoll_event events[16];
@@ -121,9 +68,9 @@ std::string Serve(std::vector<Flow>& flows, bool edge) {
     return why;
 }
 
-std::vector<Flow> Flows(std::vector<KelIpcSocket>& ends, int64_t total, uint32_t seed) {
-    std::vector<Flow> flows;
-    for (KelIpcSocket& end : ends) flows.push_back(Flow{&end, total, std::mt19937(seed++)});
+std::vector<PollFlow> Flows(std::vector<KelIpcSocket>& ends, int64_t total, uint32_t seed) {
+    std::vector<PollFlow> flows;
+    for (KelIpcSocket& end : ends) flows.emplace_back(end, total, seed++);
     return flows;
 }
 
@@ -149,7 +96,7 @@ TEST(KelPollFd, OneEpollThreadPerEndServesSixteenConnectionsStreamingBothWays) {
                 if (OpenEnd(ends[i], type, Client, name + std::to_string(i), true) != IPC_OK)
                     return "client Open";
             }
-            std::vector<Flow> flows = Flows(ends, kTotal, 100);
+            std::vector<PollFlow> flows = Flows(ends, kTotal, 100);
             return Serve(flows, true);
         };
         std::unique_ptr<kt::Child> child;
@@ -163,7 +110,7 @@ TEST(KelPollFd, OneEpollThreadPerEndServesSixteenConnectionsStreamingBothWays) {
         } else {
             thread = std::async(std::launch::async, clients);
         }
-        std::vector<Flow> flows = Flows(servers, kTotal, 100);
+        std::vector<PollFlow> flows = Flows(servers, kTotal, 100);
         EXPECT_EQ("", Serve(flows, false)) << (type == Process ? "Process" : "Local");
         if (type == Process) {
             EXPECT_EQ(0, child->Wait(60000));
@@ -204,7 +151,7 @@ TEST(KelPollFd, ServesAPeerThatFollowsOnlyThePublishedProtocolBothWays) {
             [&] { signal.Release(); });
         return wrote && reader.get() ? 0 : 1;
     });
-    std::vector<Flow> flows{Flow{&server, kTotal, std::mt19937(7)}};
+    std::vector<PollFlow> flows{PollFlow(server, kTotal, 7)};
     const std::string why = Serve(flows, false);
     EXPECT_EQ("", why);
     if (!why.empty()) bare.Kill();
