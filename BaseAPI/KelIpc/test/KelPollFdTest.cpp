@@ -317,6 +317,8 @@ TEST(KelPollFd, DescriptorBelongsToAnOpenEndIsCloseOnExecAndItsFifoGoesWithTheEn
     EXPECT_TRUE(S_ISFIFO(st.st_mode));
     EXPECT_EQ(0660u, st.st_mode & 0777);
     EXPECT_NE(0, access(("/dev/shm/" + name + "_XC_poll").c_str(), F_OK));
+    EXPECT_EQ(0, kt::RunInChild([&] { return server.Close() == IPC_OK ? 0 : 1; }));
+    EXPECT_EQ(0, access(fifo.c_str(), F_OK)) << "a child forked without exec took its parent's FIFO along";
     EXPECT_EQ(IPC_OK, server.Close());
     EXPECT_NE(0, access(fifo.c_str(), F_OK));
     EXPECT_EQ(IPC_ERR_NOT_OPENED, server.PollFd());

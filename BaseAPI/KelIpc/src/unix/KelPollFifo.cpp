@@ -52,6 +52,7 @@ int KelPollFifo::Create(const std::string& path, mode_t mode) {
         return IPC_ERR_FAILED;
     }
     m_path = path;
+    m_creator = getpid();
     struct stat st {};
     if (fstat(m_fd, &st) != 0 || !S_ISFIFO(st.st_mode) || st.st_uid != geteuid()) {
         Close();
@@ -68,7 +69,7 @@ int KelPollFifo::Create(const std::string& path, mode_t mode) {
 
 void KelPollFifo::Close() {
     if (m_fd < 0) return;
-    if (SameFile(m_fd, m_path) && unlink(m_path.c_str()) != 0) {
+    if (getpid() == m_creator && SameFile(m_fd, m_path) && unlink(m_path.c_str()) != 0) {
         KEL_IPC_LOG(kSource, "Close", "unlink fail, errno=%d", errno);
     }
     if (close(m_fd) != 0) KEL_IPC_LOG(kSource, "Close", "close fail, errno=%d", errno);

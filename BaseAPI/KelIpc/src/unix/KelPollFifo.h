@@ -20,7 +20,8 @@ public:
     // replaced. IPC_ERR_ACCESS when anything else holds the name; IPC_ERR_FAILED (logged).
     int Create(const std::string& path, mode_t mode);
     int Fd() const { return m_fd; }
-    // Closes and removes the name while it still refers to this FIFO.
+    // Closes, and removes the name while it still refers to this FIFO, in the process that made it only (a
+    // child forked without exec leaves its parent's FIFO alone).
     void Close();
 
     // The ringing end: opens path for reading and writing (never blocks, never raises SIGPIPE), -1 when
@@ -33,6 +34,7 @@ public:
 private:
     int m_fd = -1;
     std::string m_path;
+    pid_t m_creator = -1;
 };
 
 #endif  // KEL_POLL_FIFO_H
