@@ -121,6 +121,7 @@ private:
     friend int KelCycleBufferReadSome(KelCycleBuffer& ring, char* buffer, int count);
     friend int KelCycleBufferDrain(KelCycleBuffer& ring, int timeoutMs);
     friend bool KelCycleBufferArm(KelCycleBuffer& ring, bool reading, int need, bool fresh);
+    friend bool KelCycleBufferSoon(KelCycleBuffer& ring, bool reading, int need);
     friend bool KelCycleBufferArmed(KelCycleBuffer& ring, bool reading);
     friend bool KelCycleBufferNonBlocking(KelCycleBuffer& ring);
     friend int KelCycleBufferAttachFresh(KelCycleBuffer& ring, char* block, int length, KelSide side,

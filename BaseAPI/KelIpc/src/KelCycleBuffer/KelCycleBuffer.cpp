@@ -359,6 +359,11 @@ void KelCycleBufferWatch(KelCycleBuffer& ring, const KelRingWatch& watch) {
     ring.m_private->m_nextLook.store(0, std::memory_order_relaxed);
 }
 
+bool KelCycleBufferSoon(KelCycleBuffer& ring, bool reading, int need) {
+    KelCycleBufferPrivate& p = *ring.m_private;
+    return p.Initialised() && p.Imminent(reading, need);
+}
+
 bool KelCycleBufferArm(KelCycleBuffer& ring, bool reading, int need, bool fresh) {
     KelCycleBufferPrivate& p = *ring.m_private;
     if (!p.Initialised()) return true;

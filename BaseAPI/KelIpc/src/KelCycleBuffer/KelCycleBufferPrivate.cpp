@@ -71,10 +71,11 @@ bool PeerCanRunBeside(int32_t* ownCpu, const int32_t* peerCpu) {
 
 // peerPos is the position the peer moves while it makes progress.
 template <typename Ready>
-bool SpinUntil(Ready ready, const int32_t& peerPos) {
+bool SpinUntil(Ready ready, const int32_t& peerPos, std::chrono::microseconds bound = kSpinBound,
+               std::chrono::microseconds stallBound = kStallBound) {
     auto now = std::chrono::steady_clock::now();
-    const auto deadline = now + kSpinBound;
-    auto stalledAt = now + kStallBound;
+    const auto deadline = now + bound;
+    auto stalledAt = now + stallBound;
     int32_t seen = LoadRelaxed(peerPos);
     for (;;) {
         for (int i = 0; i < 32; ++i) {
@@ -85,7 +86,7 @@ bool SpinUntil(Ready ready, const int32_t& peerPos) {
         const int32_t position = LoadRelaxed(peerPos);
         if (position != seen) {
             seen = position;
-            stalledAt = now + kStallBound;
+            stalledAt = now + stallBound;
         }
         if (now > deadline || now > stalledAt) return false;
     }
@@ -123,6 +124,18 @@ inline bool CopyIntoRing(char* dest, int64_t count, const char* src, bool prefet
 }
 
 }  // namespace
+
+// A polled call about to wait on its descriptor: a peer moving on another CPU usually brings the bytes or
+// room within microseconds, while the descriptor's round costs system calls on both sides and a wake-up.
+constexpr auto kPolledSpinBound = std::chrono::microseconds(10);
+constexpr auto kPolledStallBound = std::chrono::microseconds(5);
+
+bool KelCycleBufferPrivate::Imminent(bool reading, int need) {
+    if (!PeerCanRunBeside(reading ? ReaderCpu() : WriterCpu(), reading ? WriterCpu() : ReaderCpu()))
+        return false;
+    return SpinUntil([&] { return (reading ? DataNow() : SpaceNow()) >= need || !IsRunning(); },
+                     reading ? m_head->writePos : m_head->readPos, kPolledSpinBound, kPolledStallBound);
+}
 
 // An in-process ring lives in private memory, where the cheaper process-private futex is enough.
 void KelCycleBufferPrivate::Futex(int32_t* word, int op, int32_t value, const timespec* timeout,

@@ -224,6 +224,7 @@ public:
     int WaitOnSemaphore(int timeoutMs);
     int WakeReader(KelCycleBuffer& ring);
     void WakeAfterNonblockWrite();
+    bool Imminent(bool reading, int need);
     // After a fence: rings the reader's (or writer's) descriptor when its polls word is set and, unless
     // any, satisfied; with any the word is swapped whatever it says (restarts, end of stream).
     void RingPoller(bool reader, bool any);

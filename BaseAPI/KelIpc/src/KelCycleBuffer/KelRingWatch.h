@@ -40,6 +40,9 @@ int KelCycleBufferDrain(KelCycleBuffer& ring, int timeoutMs);
 // all: enough bytes or room, the stream's end, a stopped ring, or a peer gone (looked at afresh when
 // fresh is set).
 bool KelCycleBufferArm(KelCycleBuffer& ring, bool reading, int need, bool fresh);
+// Before that: re-tests for a few microseconds while the peer moves on another CPU. True when the bytes
+// or room came meanwhile (or the ring stopped).
+bool KelCycleBufferSoon(KelCycleBuffer& ring, bool reading, int need);
 // Whether this end's polls word for the direction is still up: nobody has claimed its wake-up yet.
 bool KelCycleBufferArmed(KelCycleBuffer& ring, bool reading);
 // Whether Read and Write of this ring return at once (non-blocking mode).

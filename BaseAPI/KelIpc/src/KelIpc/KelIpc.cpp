@@ -53,7 +53,9 @@ int Transfer(KelIpcSocketPrivate* socket, KelIpcSocketPrivate::Direction directi
         (polled != kPolled && !KelCycleBufferNonBlocking(ring->Buffer()))) {
         return rc;
     }
-    if (!poll.Wait(way, polled == kSomePolledInNonBlockMode ? 1 : length)) return 0;
+    const int need = polled == kSomePolledInNonBlockMode ? 1 : length;
+    if (!KelCycleBufferSoon(ring->Buffer(), way == KelPollDescriptor::kRead, need) && !poll.Wait(way, need))
+        return 0;
     rc = (ring->*op)(buffer, length);
     // Ready, yet held back (another thread has the direction's turn): the caller looks again soon.
     if (rc == 0) poll.RingOwn();
