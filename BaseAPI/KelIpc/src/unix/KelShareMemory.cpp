@@ -180,7 +180,9 @@ bool Foreign(int err, KelSide side) {
 // segment. The server byte (the server's liveness lock) of the segment found under the name, and of the
 // one created, decides: a server goes on only when it locked both and the name still refers to the
 // segment it created. Whoever replaces a segment locked it first, so once locked and still named, the
-// new segment stays this server's. Only a trusted owner's regular segment is replaced at all.
+// new segment stays this server's. Only a trusted owner's regular segment is replaced at all. Read locks
+// on the server byte (anyone who may read the segment can take one) do not stop a server; it then goes on
+// without the lock, and only the look that the name still refers to what it found guards the unlink.
 int KelShareMemoryPrivate::ShmClaimOpen(const char* name, int shmLength, const KelSecurity* security,
                                         const KelTrust& trust) {
     m_side = Server;
