@@ -12,7 +12,7 @@ const char kSocketLogPath[] = "BaseAPI/KelIpc/src/KelIpc/KelIpc";
 
 int KelIpcSocketPrivate::SetOption(KelIpcOptionName name, void* value) {
     if (Opened()) return IPC_ERR_OPENED;
-    if (static_cast<uint32_t>(name) > static_cast<uint32_t>(CloseLinger)) return IPC_ERR_PARAM;
+    if (static_cast<uint32_t>(name) > static_cast<uint32_t>(TrustedUid)) return IPC_ERR_PARAM;
     switch (name) {
         case LBufferSize:
         case RBufferSize: {
@@ -45,6 +45,13 @@ int KelIpcSocketPrivate::SetOption(KelIpcOptionName name, void* value) {
                                     : m_lingerMs) = ms;
             break;
         }
+        case TrustedUid: {
+            if (value == nullptr) return IPC_ERR_NULL;
+            const int uid = *static_cast<const int*>(value);
+            if (uid < -1) return IPC_ERR_PARAM;
+            m_trustedUid = uid;
+            break;
+        }
         default:
             return IPC_ERR_PARAM;
     }
@@ -60,10 +67,12 @@ int KelIpcSocketPrivate::OpenIpc(KelSide side, const char* name, const KelSecuri
     // token); R follows L's winner, so the two directions never go to two ends.
     m_shut.store(false, std::memory_order_relaxed);
     int rc = m_ipcL->Open(side, (base + "_XL").c_str(), BlockFor(m_lSize),
-                          static_cast<KelSystemSemaphore*>(m_lSemaphore), security, m_lMode, m_watch);
+                          static_cast<KelSystemSemaphore*>(m_lSemaphore), security, m_lMode, m_watch,
+                          m_trustedUid);
     if (rc == IPC_OK) {
         rc = m_ipcR->Open(side, (base + "_XR").c_str(), BlockFor(m_rSize),
-                          static_cast<KelSystemSemaphore*>(m_rSemaphore), security, m_rMode, m_watch);
+                          static_cast<KelSystemSemaphore*>(m_rSemaphore), security, m_rMode, m_watch,
+                          m_trustedUid);
     }
     if (rc != IPC_OK) CleanResource(false);
     return rc;
