@@ -179,7 +179,7 @@ TEST(KelipcOperator, CleanRemovesOnlyTheNamedChannelAndRefusesWhileMappedUnlessF
     EXPECT_TRUE(kt::ChannelObjects(held) == 4);
 
     EXPECT_EQ(0, RunTool({"clean", orphan}, "", &out, &err)) << err;
-    EXPECT_NE(std::string::npos, out.find("removed segment /dev/shm/" + orphan + "_XR_shm")) << out;
+    EXPECT_NE(std::string::npos, out.find("removed segment '/dev/shm/" + orphan + "_XR_shm'")) << out;
     EXPECT_TRUE(kt::ChannelObjects(orphan) == 0);
     EXPECT_TRUE(kt::ChannelObjects(held) == 4);
     EXPECT_EQ(1, RunTool({"clean", orphan}, "", &out, &err));
@@ -195,7 +195,7 @@ TEST(KelipcOperator, MissingChannelsFailNamingTheObjectsLookedFor) {
     for (const char* command : {"inspect", "stop", "start", "clean"}) {
         std::string err;
         EXPECT_EQ(1, RunTool({command, name}, "", nullptr, &err)) << command;
-        EXPECT_NE(std::string::npos, err.find("no channel \"" + name + "\"")) << err;
+        EXPECT_NE(std::string::npos, err.find("no channel '" + name + "'")) << err;
     }
     EXPECT_FALSE(kt::ShmExists(name + "_XL_shm"));
 }
@@ -257,7 +257,7 @@ TEST(KelipcOperator, InspectAndListTellLiveDeadAndStaleEnds) {
     EXPECT_EQ(true, listed["stale"]) << listed;
     EXPECT_EQ(nlohmann::json::array({"the server is dead"}), listed["reasons"]);
     // The live client still maps it.
-    EXPECT_EQ("kelipc clean --force " + name, listed["clean"]);
+    EXPECT_EQ("kelipc clean --force -- '" + name + "'", listed["clean"]);
     client.Close();
 
     // Both ends dead without closing: the rings still run and nobody maps them.
@@ -276,9 +276,9 @@ TEST(KelipcOperator, InspectAndListTellLiveDeadAndStaleEnds) {
     EXPECT_EQ("dead", listed["server"]["liveness"]);
     EXPECT_EQ(nlohmann::json::array({"the server is dead", "the client is dead", "no process maps it"}),
               listed["reasons"]);
-    EXPECT_EQ("kelipc clean " + abandoned, listed["clean"]);
+    EXPECT_EQ("kelipc clean -- '" + abandoned + "'", listed["clean"]);
     EXPECT_EQ(0, RunTool({"list"}, "", &out, &err)) << err;
-    EXPECT_NE(std::string::npos, out.find("to remove it: kelipc clean " + abandoned + "\n")) << out;
+    EXPECT_NE(std::string::npos, out.find("to remove it: kelipc clean -- '" + abandoned + "'\n")) << out;
 }
 
 TEST(KelipcOperator, CleanAllRemovesOnlyMarkedSetsWhoseServerAndSegmentsAreGone) {
