@@ -401,8 +401,10 @@ TEST(KelipcOperator, NamesFromOtherUsersPrintSafelyAndTheirCleanLinesPasteBackIn
     const std::string base = kt::UniqueName("opname");
     const std::vector<std::string> names = {base + "\x1b]0;owned\x07\n", base + "\xff\xfe'q",
                                             base + " it's\\", "--all"};
-    kt::Track("--all");
-    for (const std::string& name : names) Plant(name + "_XL_shm", "");
+    for (const std::string& name : names) {
+        kt::Track(name);
+        Plant(name + "_XL_shm", "");
+    }
     // A mapper whose process name holds an escape sequence and a byte that is not UTF-8.
     const std::string mapped = kt::UniqueName("opmapped");
     int ready[2];
