@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 
@@ -76,6 +77,28 @@ std::string Segment(size_t size, int32_t writePos, int32_t readPos, int32_t data
     const int32_t words[] = {writePos, readPos, dataLen, running};
     std::memcpy(&bytes[0], words, sizeof words);
     return bytes;
+}
+
+// A server of name in a child process, open once this returns (nullptr when it did not open in time),
+// that sleeps under the process name given until it is killed.
+std::unique_ptr<kt::Child> ServerInChild(const std::string& name, const char* processName = nullptr) {
+    int ready[2];
+    if (pipe(ready) != 0) return nullptr;
+    auto server = std::make_unique<kt::Child>([&] {
+        KelIpcSocket socket;
+        if (socket.Open(Process, Server, name.c_str(), nullptr) != IPC_OK) return 1;
+        if (processName != nullptr) prctl(PR_SET_NAME, processName, 0, 0, 0);
+        const char byte = 1;
+        if (write(ready[1], &byte, 1) != 1) return 2;
+        sleep(30);  // until killed; the parent's bounded waits fail first
+        return 3;
+    });
+    close(ready[1]);
+    pollfd entry{ready[0], POLLIN, 0};
+    char byte = 0;
+    const bool open = poll(&entry, 1, 10000) == 1 && read(ready[0], &byte, 1) == 1;
+    close(ready[0]);
+    return open ? std::move(server) : nullptr;
 }
 
 int RunBash(const std::string& script, std::string* out) {
@@ -245,22 +268,9 @@ TEST(KelipcOperator, InspectWatchRefreshesUntilInterrupted) {
 TEST(KelipcOperator, InspectAndListTellLiveDeadAndStaleEnds) {
     const std::string name = kt::UniqueName("oplive");
     const std::string abandoned = kt::UniqueName("opabandoned");
-    int ready[2];
-    ASSERT_EQ(0, pipe(ready));
-    kt::Child server([&] {
-        KelIpcSocket socket;
-        if (socket.Open(Process, Server, name.c_str(), nullptr) != IPC_OK) return 1;
-        const char byte = 1;
-        if (write(ready[1], &byte, 1) != 1) return 2;
-        sleep(30);  // until killed; the parent's bounded waits fail first
-        return 3;
-    });
-    close(ready[1]);
-    pollfd entry{ready[0], POLLIN, 0};
-    char byte = 0;
-    ASSERT_EQ(1, poll(&entry, 1, 10000));
-    ASSERT_EQ(1, read(ready[0], &byte, 1));
-    close(ready[0]);
+    const std::unique_ptr<kt::Child> serverChild = ServerInChild(name);
+    ASSERT_NE(nullptr, serverChild);
+    kt::Child& server = *serverChild;
     KelIpcSocket client;
     ASSERT_EQ(IPC_OK, client.Open(Process, Client, name.c_str(), nullptr));
 
@@ -407,23 +417,8 @@ TEST(KelipcOperator, NamesFromOtherUsersPrintSafelyAndTheirCleanLinesPasteBackIn
     }
     // A mapper whose process name holds an escape sequence and a byte that is not UTF-8.
     const std::string mapped = kt::UniqueName("opmapped");
-    int ready[2];
-    ASSERT_EQ(0, pipe(ready));
-    kt::Child server([&] {
-        KelIpcSocket socket;
-        if (socket.Open(Process, Server, mapped.c_str(), nullptr) != IPC_OK) return 1;
-        prctl(PR_SET_NAME, "\x1b[2J\xff", 0, 0, 0);
-        const char byte = 1;
-        if (write(ready[1], &byte, 1) != 1) return 2;
-        sleep(30);  // until killed
-        return 3;
-    });
-    close(ready[1]);
-    pollfd entry{ready[0], POLLIN, 0};
-    char byte = 0;
-    ASSERT_EQ(1, poll(&entry, 1, 10000));
-    ASSERT_EQ(1, read(ready[0], &byte, 1));
-    close(ready[0]);
+    const std::unique_ptr<kt::Child> server = ServerInChild(mapped, "\x1b[2J\xff");
+    ASSERT_NE(nullptr, server);
 
     std::string out;
     std::string err;
@@ -462,7 +457,6 @@ TEST(KelipcOperator, NamesFromOtherUsersPrintSafelyAndTheirCleanLinesPasteBackIn
     }
     ASSERT_EQ(0, RunBash(run, &out)) << run;
     for (const std::string& name : names) EXPECT_FALSE(kt::ShmExists(name + "_XL_shm")) << out;
-    server.Kill();
 }
 
 TEST(KelipcOperator, CleanLeavesSetsAtTheKeyThatAreNotTheChannelsAlone) {
