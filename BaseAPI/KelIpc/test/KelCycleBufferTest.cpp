@@ -255,8 +255,7 @@ TEST(KelCycleBufferBlocking, StopReleasesAWaitingWriterButLogsAndFailsWhileAWrit
 // write or read its bytes twice.
 TEST(KelCycleBufferBlocking, BlockingFormsWithoutASemaphoreRefuseBeforeMovingAByte) {
     std::vector<char> block(kMinBlock, 0);
-    KelCycleBuffer writer;
-    KelCycleBuffer reader;
+    KelCycleBuffer writer, reader;
     ASSERT_EQ(IPC_OK, writer.Attach(block.data(), kMinBlock, Server, Block));
     ASSERT_EQ(IPC_OK, reader.Attach(block.data(), kMinBlock, Client, Block));
     const std::vector<char> bytes = kt::Pattern(3 * kMinBlock / 50);

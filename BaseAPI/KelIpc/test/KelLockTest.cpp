@@ -36,15 +36,14 @@ int Probe(const std::string& path) {
 // Another process that locks path as take does and keeps the lock until it is killed, never unlocking.
 // Null when take failed there.
 std::unique_ptr<kt::Child> Holder(const std::string& path, const std::function<bool(KelFileLock&)>& take) {
-    const std::string mark = path + ".held";
     auto child = std::make_unique<kt::Child>([&] {
         KelFileLock lock(path);
         if (!take(lock)) return 1;
-        std::ofstream{mark};
+        kt::TellReady();
         sleep(60);  // the test kills it long before
         return 0;
     });
-    return kt::WaitUntil([&] { return std::filesystem::remove(mark); }, kWaitMs) ? std::move(child) : nullptr;
+    return child->WaitReady(kWaitMs) ? std::move(child) : nullptr;
 }
 
 long OpenDescriptors() {
@@ -62,8 +61,7 @@ protected:
     }
     void TearDown() override { std::filesystem::remove_all(m_dir); }
 
-    std::string m_dir;
-    std::string m_path;
+    std::string m_dir, m_path;
 };
 
 TEST_F(KelLockTest, ExclusiveExcludesOtherProcessesUntilUnlockOrTheHoldersEnd) {
@@ -178,10 +176,8 @@ TEST_F(KelLockTest, WriteThenReadContinuesAtTheOffset) {
     char buf[16] = {};
     EXPECT_EQ(lock.Read(buf, sizeof buf), 8);
     EXPECT_STREQ(buf, "23456789");
-    EXPECT_EQ(lock.Read(buf, sizeof buf), 0);
-    std::string content;
-    std::ifstream(m_path) >> content;
-    EXPECT_EQ(content, "ab23456789");
+    std::ifstream(m_path) >> buf;
+    EXPECT_STREQ(buf, "ab23456789");
 }
 
 // A stand-in kept for its interface: it never waits, not for itself and not for another process.

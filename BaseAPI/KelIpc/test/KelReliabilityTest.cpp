@@ -114,7 +114,6 @@ T Settle(std::future<T>& transfer, KelIpcSocket* socket, const char* what) {
 
 // What a forked child tells the test process; a killed child cannot report through its exit code.
 struct Notes {
-    std::atomic<int> ready{0};
     std::atomic<int64_t> written{0};  // bytes of the stream connection's completed writes
 };
 
@@ -141,7 +140,7 @@ int HoldUntilKilled(const std::vector<std::string>& names, KelSide side, Notes* 
     for (int i = 0; i < kConnections; ++i) {
         if (OpenEnd(sockets[i], side, names[i]) != IPC_OK) return 2;
     }
-    notes->ready.store(1);
+    kt::TellReady();
     KelIpcSocket& stream = sockets[kStreaming];
     std::thread reader([&] { Transfer(stream, false, side == Server ? 0 : kRBase, 3000, kEndless); });
     for (int64_t done = 0;; done += 3000) {
@@ -175,7 +174,6 @@ void KillTrial(KelSide killed, std::mt19937& random, Notes* notes,
                std::vector<int64_t> (&delays)[kConnections]) {
     std::vector<std::string> names;
     for (int i = 0; i < kConnections; ++i) names.push_back(kt::UniqueName("kill"));
-    notes->ready.store(0);
     notes->written.store(0);
     const KelSide kept = killed == Server ? Client : Server;
     std::vector<KelIpcSocket> survivor(kConnections);
@@ -183,7 +181,7 @@ void KillTrial(KelSide killed, std::mt19937& random, Notes* notes,
         for (int i = 0; i < kConnections; ++i) ASSERT_EQ(IPC_OK, OpenEnd(survivor[i], Server, names[i]));
     }
     kt::Child child([&] { return HoldUntilKilled(names, killed, notes); });
-    ASSERT_TRUE(kt::WaitUntil([&] { return notes->ready.load() == 1; }, kBound));
+    ASSERT_TRUE(child.WaitReady(kBound));
     if (kept == Client) {
         for (int i = 0; i < kConnections; ++i) ASSERT_EQ(IPC_OK, OpenEnd(survivor[i], Client, names[i]));
     }
@@ -346,8 +344,6 @@ void StormTrial(bool reading) {
 // on, not only at the cadence at which a writer with room asks.
 TEST(KelReliabilityCrash, NonBlockingCallsLearnOfAKilledPeerAfterWhatItLeft) {
     const std::string name = kt::UniqueName("nbdead");
-    const auto notes = Shared<Notes>();
-    ASSERT_NE(nullptr, notes);
     KelIpcSocket server;
     ASSERT_EQ(IPC_OK, OpenEnd(server, Server, name));
     const std::vector<char> bytes = kt::Pattern(kBlock);
@@ -356,10 +352,10 @@ TEST(KelReliabilityCrash, NonBlockingCallsLearnOfAKilledPeerAfterWhatItLeft) {
     kt::Child client([&] {
         KelIpcSocket end;
         if (OpenEnd(end, Client, name) != IPC_OK || end.Write(bytes.data(), 10) != 10) return 1;
-        notes->ready.store(1);
+        kt::TellReady();
         for (;;) std::this_thread::sleep_for(std::chrono::seconds(1));
     });
-    ASSERT_TRUE(kt::WaitUntil([&] { return notes->ready.load() == 1; }, kBound));
+    ASSERT_TRUE(client.WaitReady(kBound));
     client.Kill();
     client.Wait(kBound);
     std::vector<char> got(64);
@@ -478,7 +474,7 @@ namespace {
 int ServeUntilKilled(const std::string& name, Notes* notes) {
     KelIpcSocket server;
     if (OpenEnd(server, Server, name) != IPC_OK) return 2;
-    notes->ready.store(1);
+    kt::TellReady();
     for (int64_t sent = 0;; std::this_thread::sleep_for(std::chrono::milliseconds(1))) {
         for (; sent < notes->written.load(); ++sent) {
             if (server.Write("s", 1) != 1) return 3;
@@ -537,14 +533,12 @@ TEST(KelReliabilityRestart, ATransferThatSleptThroughStopAndStartEndsInsteadOfJo
     for (bool writerParked : {true, false}) {
         SCOPED_TRACE(writerParked ? "a writer parked for room" : "a reader part-way through its count");
         const std::string name = kt::UniqueName("restart");
-        const auto notes = Shared<Notes>();
-        ASSERT_NE(nullptr, notes);
         KelIpcSocket server;
         ASSERT_EQ(IPC_OK, OpenEnd(server, Server, name));
         kt::Child client([&] {
             KelIpcSocket end;
             if (OpenEnd(end, Client, name) != IPC_OK) return 1;
-            notes->ready.store(1);
+            kt::TellReady();
             std::vector<char> old = kt::Pattern(3 * kRoom);
             const int rc = writerParked ? end.Write(old.data(), 3 * kRoom) : end.Read(old.data(), 3 * kPiece);
             if (rc != IPC_ERR_NOT_OPENED) return 2;
@@ -555,7 +549,7 @@ TEST(KelReliabilityRestart, ATransferThatSleptThroughStopAndStartEndsInsteadOfJo
             if (writerParked && end.Read(&byte, 1) != IPC_ERR_NOT_OPENED) return 4;
             return kt::FirstWrong(fresh.data(), 100, kRBase) == -1 ? 0 : 5;
         });
-        ASSERT_TRUE(kt::WaitUntil([&] { return notes->ready.load() == 1; }, kBound));
+        ASSERT_TRUE(client.WaitReady(kBound));
         if (writerParked) {
             // Less than a piece free: the writer waits for room.
             ASSERT_TRUE(kt::WaitUntil([&] { return server.DataSize() > kRoom - kPiece; }, kBound));
@@ -590,7 +584,7 @@ TEST(KelReliabilityRestart, ALiveServerKeepsItsNameAndADeadOnesIsReclaimedWhileI
     const auto notes = Shared<Notes>();
     ASSERT_NE(nullptr, notes);
     kt::Child first([&] { return ServeUntilKilled(name, notes.get()); });
-    ASSERT_TRUE(kt::WaitUntil([&] { return notes->ready.load() == 1; }, kBound));
+    ASSERT_TRUE(first.WaitReady(kBound));
     KelIpcSocket client;
     ASSERT_EQ(IPC_OK, OpenEnd(client, Client, name));
     const long segment = Examine(name + "_XL_shm").id;
@@ -687,8 +681,6 @@ TEST(KelReliabilityTimeout, BoundedCallsEndWithAShortCountOrTimeoutAndResumeWith
 // An end that follows only the ring protocol holds no token: its death goes unnoticed, as before.
 TEST(KelReliabilityTimeout, AServerWithoutATokenIsNeverTakenForDead) {
     const std::string name = kt::UniqueName("bare");
-    const auto notes = Shared<Notes>();
-    ASSERT_NE(nullptr, notes);
     kt::Child bare([&] {
         KelShareMemory memory[2];
         KelSystemSemaphore sem[2];
@@ -701,10 +693,10 @@ TEST(KelReliabilityTimeout, AServerWithoutATokenIsNeverTakenForDead) {
                 return 2;
             }
         }
-        notes->ready.store(1);
+        kt::TellReady();
         for (;;) std::this_thread::sleep_for(std::chrono::seconds(1));
     });
-    ASSERT_TRUE(kt::WaitUntil([&] { return notes->ready.load() == 1; }, kBound));
+    ASSERT_TRUE(bare.WaitReady(kBound));
     KelIpcSocket client;
     int bound = 300;
     ASSERT_EQ(IPC_OK, client.SetOption(ReadTimeout, &bound));
@@ -858,7 +850,7 @@ TEST(KelReliabilityOwnership, ASetMadeForAnotherNameIsRefusedWhileItsServerLives
     const auto notes = Shared<Notes>();
     ASSERT_NE(nullptr, notes);
     kt::Child owner([&] { return ServeUntilKilled(first, notes.get()); });
-    ASSERT_TRUE(kt::WaitUntil([&] { return notes->ready.load() == 1; }, kBound));
+    ASSERT_TRUE(owner.WaitReady(kBound));
     KelIpcSocket client;
     ASSERT_EQ(IPC_OK, OpenEnd(client, Client, first));
     KelIpcSocket other;

@@ -10,7 +10,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <functional>
 #include <string>
 
@@ -49,18 +48,11 @@ std::function<int()> As(uid_t uid, const std::function<int()>& fn) {
     };
 }
 
-// A flag that forked children and the test share.
-std::atomic<int>* SharedFlag() {
-    void* page =
-        mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    return page == MAP_FAILED ? nullptr : new (page) std::atomic<int>(0);
-}
-
-// A server on name in a child until it is killed; flag turns 1 once it is open.
-int ServeUntilKilled(const std::string& name, const KelSecurity* security, std::atomic<int>* flag) {
+// A server on name in a child, ready once it is open, until it is killed.
+int ServeUntilKilled(const std::string& name, const KelSecurity* security) {
     KelIpcSocket server;
     if (OpenEnd(server, Server, name, security) != IPC_OK) return 2;
-    flag->store(1);
+    kt::TellReady();
     sleep(60);  // killed long before
     return 0;
 }
@@ -124,12 +116,9 @@ TEST(KelSecurityUsers, AClientTalksOnlyToAServerOfAUserItTrusts) {
     REQUIRE_ROOT();
     const uid_t victim = Stranger(61000), attacker = Stranger(victim + 1);
     const std::string name = kt::UniqueName("fake");
-    std::atomic<int>* const ready = SharedFlag();
-    ASSERT_NE(nullptr, ready);
     const KelSecurity open{0666};
-    kt::Child fake(As(attacker, [&] { return ServeUntilKilled(name, &open, ready); }));
-    ASSERT_TRUE(kt::WaitUntil([&] { return ready->load() == 1; }, kBound))
-        << "the attacker's server did not open";
+    kt::Child fake(As(attacker, [&] { return ServeUntilKilled(name, &open); }));
+    ASSERT_TRUE(fake.WaitReady(kBound)) << "the attacker's server did not open";
     EXPECT_EQ(0, kt::RunInChild(As(victim, [&] {
                   KelIpcSocket client, trusting;
                   if (OpenEnd(client, Client, name) != IPC_ERR_ACCESS) return 1;
@@ -191,10 +180,8 @@ TEST(KelSecurityPlanted, AFifoUnderTheNameIsRefusedWithoutWaiting) {
 // Anyone who may read a segment can take a read lock on the server byte of a dead server's segment.
 TEST(KelSecurityPlanted, AReadLockOnTheServerByteIsNoToken) {
     const std::string name = kt::UniqueName("rdlock");
-    std::atomic<int>* const ready = SharedFlag();
-    ASSERT_NE(nullptr, ready);
-    kt::Child dead([&] { return ServeUntilKilled(name, nullptr, ready); });
-    ASSERT_TRUE(kt::WaitUntil([&] { return ready->load() == 1; }, kBound));
+    kt::Child dead([&] { return ServeUntilKilled(name, nullptr); });
+    ASSERT_TRUE(dead.WaitReady(kBound));
     dead.Kill();
     int fds[2];
     for (int i = 0; i < 2; ++i) {

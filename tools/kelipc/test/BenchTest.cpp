@@ -15,8 +15,7 @@
 TEST(KelipcBench, ShortRunUnderLoadReportsEveryRowAndLeavesNothingBehind) {
     const std::string name = kt::UniqueName("bench");
     const std::string path = testing::TempDir() + name + ".json";
-    std::string out;
-    std::string err;
+    std::string out, err;
     ASSERT_EQ(0, RunTool({"bench", "--quick", "--volume", "4M", "--repeat", "1", "--round-trips", "200",
                           "--load", "1", "--name", name, "--json", path},
                          "", &out, &err, 120000))

@@ -48,8 +48,7 @@ TEST(KelipcUsage, BadArgumentsAreRefusedUpFrontInOneLineThatSaysWhatIsAccepted) 
         std::string joined;
         for (const std::string& arg : c.args) joined += " " + arg;
         SCOPED_TRACE("kelipc" + joined);
-        std::string out;
-        std::string err;
+        std::string out, err;
         EXPECT_EQ(2, RunTool(c.args, "", &out, &err));
         EXPECT_EQ("", out);
         const std::string command =
@@ -82,8 +81,7 @@ TEST(KelipcVersion, BothSpellingsPrintProgramAndLibraryVersions) {
                                 std::to_string(KELIPC_VERSION_PATCH);
     EXPECT_EQ(version, KELIPC_VERSION_STRING);
     for (const char* spelling : {"--version", "version"}) {
-        std::string out;
-        std::string err;
+        std::string out, err;
         EXPECT_EQ(0, RunTool({spelling}, "", &out, &err)) << err;
         EXPECT_EQ("kelipc " + version + "\nlibKelIpc " + version + "\n", out) << spelling;
     }
