@@ -145,16 +145,6 @@ int Pair(KelIpcType type, KelIpcSocket& server, const std::function<int()>& serv
     return serverResult != 0 ? 100 + serverResult : clientResult;
 }
 
-// Waits a bounded time for a semaphore's signal; a missing one is given afterwards so that the wait ends.
-template <typename Wait, typename Give>
-bool Signalled(Wait wait, Give give) {
-    auto waited = std::async(std::launch::async, wait);
-    const bool signalled = kt::Ready(waited, kWaitMs);
-    if (!signalled) give();
-    waited.get();
-    return signalled;
-}
-
 const char* TypeName(KelIpcType type) {
     return type == Process ? "Process" : "Local";
 }
@@ -279,7 +269,7 @@ TEST(KelIpcSocketOptions, SuppliedSemaphoreIsSignalledAndNoneOfTheChannelNameIsM
         char got[4] = {};
         if (type == Process) {
             EXPECT_EQ(4, client.Write("ping", 4));  // signals after the piece
-            EXPECT_TRUE(Signalled([&] { serverSem.Acquire(); }, [&] { serverSem.Release(); }));
+            EXPECT_EQ(IPC_OK, serverSem.AcquireFor(kWaitMs));
             EXPECT_EQ(4, ReadArrived(server, got, 4));
         } else {
             // In-process writers signal only a reader that may be asleep: one waits on the supplied
