@@ -31,6 +31,7 @@ sources=(
     # The ring calls the system semaphore's Acquire and Release, so it must link even though no input
     # reaches them.
     "$ipc/src/unix/KelSystemSemaphore.cpp"
+    "$ipc/src/unix/KelTrust.cpp"
     BaseAPI/KelLogger/src/KelLogger.cpp
     BaseAPI/KelDateTime/src/KelDateTime.cpp
 )

@@ -13,7 +13,10 @@
 class KELIPC_API KelFileLock {
 public:
     // The file must exist; a path that cannot be resolved is logged and leaves the object without a
-    // descriptor, so its lock calls return false and Read/Write return -1.
+    // descriptor, so its lock calls return false and Read/Write return -1. Opened read-write, or
+    // read-only where writing is denied (then only LockShared can succeed). A symbolic link in a sticky,
+    // world-writable folder is followed only when it belongs to the caller or to the folder's owner, as
+    // the kernel's protected-symlink rule does; otherwise the object stays without a descriptor.
     explicit KelFileLock(const std::string& path);
     ~KelFileLock();
     KelFileLock(const KelFileLock&) = delete;

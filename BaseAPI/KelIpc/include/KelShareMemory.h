@@ -42,9 +42,9 @@ public:
 private:
     // The library's channels: liveness tokens, claiming a name, releasing only what is still theirs.
     friend int KelShareMemoryDescriptor(KelShareMemory& memory);
-    friend int KelShareMemoryAdopt(KelShareMemory& memory, const char* name, int& shmLength);
+    friend int KelShareMemoryAdopt(KelShareMemory& memory, const char* name, int& shmLength, int trustedUid);
     friend int KelShareMemoryClaim(KelShareMemory& memory, const char* name, int shmLength,
-                                   const KelSecurity* security);
+                                   const KelSecurity* security, int trustedUid);
     friend bool KelShareMemoryRelease(KelShareMemory& memory, bool remove);
     KelShareMemoryPrivate* m_private;
 };

@@ -47,7 +47,7 @@ public:
 private:
     // The library's channels: a verified open, and letting go of a set without removing it.
     friend int KelSystemSemaphoreOpenChannel(KelSystemSemaphore& semaphore, const char* name, KelSide side,
-                                             const KelSecurity* security);
+                                             const KelSecurity* security, int trustedUid);
     friend void KelSystemSemaphoreAbandon(KelSystemSemaphore& semaphore);
     KelSystemSemaphorePrivate* m_private;
 };

@@ -21,18 +21,19 @@ void Restarted(void* token) {
 }  // namespace
 
 int KelIpcSockImpl::Open(KelSide side, const char* name, int size, KelSystemSemaphore* semaphore,
-                         const KelSecurity* security, KelMode mode, KelRingWatch watch) {
+                         const KelSecurity* security, KelMode mode, KelRingWatch watch, int trustedUid) {
     if (m_ring.Opened()) return IPC_ERR_OPENED;
     if (name == nullptr) return IPC_ERR_NULL;
     const std::string base(name);
     m_opener = getpid();
     // A server claims the name before it replaces anything: of servers opening it at once, one goes on.
     const std::string shm = base + "_shm";
-    int rc = side == Server ? KelShareMemoryClaim(m_memory, shm.c_str(), size, security)
-             : size == 0    ? KelShareMemoryAdopt(m_memory, shm.c_str(), size)
-                            : m_memory.Open(shm.c_str(), size, side, security);
+    int rc = side == Server ? KelShareMemoryClaim(m_memory, shm.c_str(), size, security, trustedUid)
+                            : KelShareMemoryAdopt(m_memory, shm.c_str(), size, trustedUid);
     if (rc != IPC_OK) {
-        if (rc != IPC_ERR_OPENED) KEL_IPC_LOG(kLogPath, "Open", "KelShareMemory Open fail, rc=%d", rc);
+        // A refusal is the answer, not a failure: nothing failed that a log line could help with.
+        if (rc != IPC_ERR_OPENED && rc != IPC_ERR_ACCESS)
+            KEL_IPC_LOG(kLogPath, "Open", "KelShareMemory Open fail, rc=%d", rc);
         CleanResource();
         return rc;
     }
@@ -44,9 +45,10 @@ int KelIpcSockImpl::Open(KelSide side, const char* name, int size, KelSystemSema
         return IPC_ERR_PEER_GONE;
     }
     if (semaphore == nullptr) {
-        rc = KelSystemSemaphoreOpenChannel(m_semaphore, (base + "_ssm").c_str(), side, security);
+        rc = KelSystemSemaphoreOpenChannel(m_semaphore, (base + "_ssm").c_str(), side, security, trustedUid);
         if (rc != IPC_OK) {
-            KEL_IPC_LOG(kLogPath, "Open", "KelSystemSemaphore Open fail, rc=%d", rc);
+            if (rc != IPC_ERR_ACCESS)
+                KEL_IPC_LOG(kLogPath, "Open", "KelSystemSemaphore Open fail, rc=%d", rc);
             CleanResource();
             return rc;
         }

@@ -23,12 +23,15 @@ public:
     // IPC_OK, or the failing step's code with everything acquired so far released again (a server's
     // segment and semaphore set removed). IPC_ERR_OPENED, changing nothing, on an open channel, and when
     // a live end of this side holds the channel or (a server) claims its name at the same time.
-    // IPC_ERR_ACCESS when the semaphore set under the key was made for another name, IPC_ERR_PARAM for a
-    // name whose key is 0. A client gets IPC_ERR_PEER_GONE when the server died, IPC_ERR_NOT_OPENED
+    // IPC_ERR_ACCESS when the semaphore set under the key was made for another name, or when an object
+    // under the name is not a regular segment or belongs to (or, a set, was made by) a user other than
+    // this process's effective user, root and trustedUid (-1: nobody more); IPC_ERR_PARAM for a name
+    // whose key is 0. A client gets IPC_ERR_PEER_GONE when the server died, IPC_ERR_NOT_OPENED
     // while a dead client's place has not been given up by the server's Start, and IPC_ERR_FAILED while
     // the server has not initialised the ring yet. watch carries the timeouts.
     int Open(KelSide side, const char* name, int size, KelSystemSemaphore* semaphore,
-             const KelSecurity* security, KelMode mode, KelRingWatch watch = KelRingWatch());
+             const KelSecurity* security, KelMode mode, KelRingWatch watch = KelRingWatch(),
+             int trustedUid = -1);
     // Stops the ring if it runs (unless stop is false), then releases token, segment and semaphore.
     // In a process other than the opener's (a child forked without exec) only that process's mapping and
     // descriptor go: the opener's ring, token and names are left alone. IPC_ERR_NOT_OPENED when closed.

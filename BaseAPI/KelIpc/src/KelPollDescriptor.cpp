@@ -11,6 +11,7 @@
 #include "KelCycleBuffer.h"
 #include "KelCycleBuffer/KelRingWatch.h"
 #include "KelIpcLog.h"
+#include "unix/KelDescriptor.h"
 #include "unix/KelPeerToken.h"
 
 namespace {
@@ -48,7 +49,9 @@ bool DrainEvent(int fd) {
 
 }  // namespace
 
-void KelPollDescriptor::Bind(KelIpcType type, KelSide side, const std::string& name, mode_t mode) {
+void KelPollDescriptor::Bind(KelIpcType type, KelSide side, const std::string& name, mode_t mode,
+                             const KelTrust& trust) {
+    m_trust = trust;
     m_type = type;
     m_side = side;
     m_name = name;
@@ -107,7 +110,7 @@ void KelPollDescriptor::RingPeer() {
         m_head != nullptr ? PeerWord(KelPeerToken::kServerGeneration, KelPeerToken::kClientGeneration) : 0;
     if (m_peerFifo < 0 || (m_head != nullptr && generation != m_peerFifoGeneration)) {
         CloseFd(m_peerFifo, "RingPeer");
-        m_peerFifo = KelPollFifo::OpenPeer(FifoPath(Other(m_side)));
+        m_peerFifo = KelPollFifo::OpenPeer(FifoPath(Other(m_side)), m_trust);
         m_peerFifoGeneration = generation;
     }
     if (m_peerFifo >= 0) KelPollFifo::Ring(m_peerFifo);
@@ -129,7 +132,7 @@ int KelPollDescriptor::Fd() {
 }
 
 int KelPollDescriptor::CreateLocal() {
-    const int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    const int fd = KelDescriptor::AboveStdio(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), kLogPath, "CreateLocal");
     if (fd < 0) {
         KEL_IPC_LOG(kLogPath, "CreateLocal", "eventfd fail, rc=%d, errno=%d", fd, errno);
         return IPC_ERR_FAILED;
@@ -144,17 +147,18 @@ int KelPollDescriptor::CreateLocal() {
 }
 
 int KelPollDescriptor::CreateProcess() {
-    m_epoll = epoll_create1(EPOLL_CLOEXEC);
+    m_epoll = KelDescriptor::AboveStdio(epoll_create1(EPOLL_CLOEXEC), kLogPath, "CreateProcess");
     if (m_epoll < 0) {
         KEL_IPC_LOG(kLogPath, "CreateProcess", "epoll_create1 fail, rc=%d, errno=%d", m_epoll, errno);
         return IPC_ERR_FAILED;
     }
-    const int rc = m_fifo.Create(FifoPath(m_side), m_mode);
+    const int rc = m_fifo.Create(FifoPath(m_side), m_mode, m_trust);
     if (rc != IPC_OK) {
         KEL_IPC_LOG(kLogPath, "CreateProcess", "KelPollFifo Create fail, rc=%d", rc);
         return rc;
     }
-    m_look = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    m_look = KelDescriptor::AboveStdio(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC), kLogPath,
+                                       "CreateProcess");
     if (m_look < 0) {
         KEL_IPC_LOG(kLogPath, "CreateProcess", "timerfd_create fail, rc=%d, errno=%d", m_look, errno);
         return IPC_ERR_FAILED;
@@ -262,7 +266,8 @@ bool KelPollDescriptor::Follow() {
     if ((key & 2u) != 0 && pid <= 0) {
         followed = kUnfollowed;  // the pid is stored after the token word: the next look finds it
     } else if ((key & 2u) != 0) {
-        int fd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+        int fd =
+            KelDescriptor::AboveStdio(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)), kLogPath, "Follow");
         if (fd < 0) {
             KEL_IPC_LOG(kLogPath, "Follow", "pidfd_open fail, rc=%d, errno=%d", fd, errno);
             fresh = true;

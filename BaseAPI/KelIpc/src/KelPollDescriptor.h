@@ -34,8 +34,9 @@ public:
     KelPollDescriptor(const KelPollDescriptor&) = delete;
     KelPollDescriptor& operator=(const KelPollDescriptor&) = delete;
 
-    // Before the channels open: the transport, this end's side, the channel's name and the FIFO's mode.
-    void Bind(KelIpcType type, KelSide side, const std::string& name, mode_t mode);
+    // Before the channels open: the transport, this end's side, the channel's name, the FIFO's mode and
+    // whose FIFOs this end accepts.
+    void Bind(KelIpcType type, KelSide side, const std::string& name, mode_t mode, const KelTrust& trust);
     // Sets in watch the hook through which the ring of direction rings either end's descriptor.
     void Hook(KelRingWatch& watch, Direction direction);
     // Once the channels are open: the rings this end reads and writes and, across processes, the token
@@ -89,6 +90,7 @@ private:
     KelSide m_side = Server;
     std::string m_name;
     mode_t m_mode = 0660;
+    KelTrust m_trust;
     Link m_links[2] = {{this, kRead}, {this, kWrite}};
     KelCycleBuffer* m_rings[2] = {nullptr, nullptr};
     const KelPeerToken* m_token = nullptr;

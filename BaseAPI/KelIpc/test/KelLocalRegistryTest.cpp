@@ -12,30 +12,23 @@
 
 constexpr int kChannelBlock = 65536;
 
+// Client before server, a second server and sizes that differ are the socket and KelLocalSockImpl tests'.
 TEST(KelLocalSemaphore, ClientNeedsServerAndTheNameStaysTakenUntilTheLastHandleClosesWhicheverItIs) {
     const std::string name = kt::UniqueName("lsc");
     KelLocalSemaphore server, clientA, clientB, again;
     EXPECT_EQ(IPC_ERR_NULL, clientA.Open(nullptr, Client));
     EXPECT_EQ(IPC_ERR_PARAM, clientA.Open(name.c_str(), static_cast<KelSide>(2)));
-    EXPECT_EQ(IPC_ERR_NOT_OPENED, clientA.Open(name.c_str(), Client));
-    EXPECT_EQ(nullptr, clientA.Semaphore());
-
     ASSERT_EQ(IPC_OK, server.Open(name.c_str(), Server));
-    EXPECT_EQ(IPC_ERR_OPENED, server.Open(name.c_str(), Server));
-    EXPECT_EQ(IPC_ERR_OPENED, again.Open(name.c_str(), Server));
     // Names are compared byte for byte: another letter case is another semaphore.
     std::string upper = name;
     upper[0] = 'K';
     EXPECT_EQ(IPC_ERR_NOT_OPENED, clientA.Open(upper.c_str(), Client));
     ASSERT_EQ(IPC_OK, clientA.Open(name.c_str(), Client));
     ASSERT_EQ(IPC_OK, clientB.Open(name.c_str(), Client));
-    EXPECT_EQ(server.Semaphore(), clientA.Semaphore());
-
     clientA.Semaphore()->Release();
     EXPECT_EQ(IPC_OK, server.Close());
     EXPECT_EQ(IPC_OK, server.Close());  // closing twice is harmless
-    clientB.Semaphore()->Acquire();     // still alive for the clients
-    EXPECT_EQ(IPC_ERR_OPENED, again.Open(name.c_str(), Server));
+    clientB.Semaphore()->Acquire();     // one semaphore, still alive for the clients
     clientA.Close();
     EXPECT_EQ(IPC_ERR_OPENED, again.Open(name.c_str(), Server));
     clientB.Close();
@@ -48,36 +41,23 @@ TEST(KelLocalSemaphore, ClientNeedsServerAndTheNameStaysTakenUntilTheLastHandleC
     EXPECT_FALSE(kt::Ready(fourth, 50));
     sem.Release();
     ASSERT_TRUE(kt::Ready(fourth, 10000));
-    // An empty name is a valid key of its own.
-    KelLocalSemaphore empty;
-    EXPECT_EQ(IPC_OK, empty.Open("", Server));
 }
 
 TEST(KelLocalMemory, ClientSharesTheServerBlockOfTheSameSizeOnly) {
     const std::string name = kt::UniqueName("lcm");
-    KelLocalMemory server;
-    KelLocalMemory client;
+    KelLocalMemory server, client, again;
     EXPECT_EQ(IPC_ERR_NULL, server.Open(nullptr, 64, Server));
     EXPECT_EQ(IPC_ERR_NULL, server.Open(name.c_str(), 0, Server));
-    EXPECT_EQ(IPC_ERR_NULL, server.Open(name.c_str(), -1, Server));
     EXPECT_EQ(IPC_ERR_PARAM, server.Open(name.c_str(), 64, static_cast<KelSide>(2)));
-    EXPECT_EQ(IPC_ERR_NOT_OPENED, client.Open(name.c_str(), 64, Client));
-
     ASSERT_EQ(IPC_OK, server.Open(name.c_str(), 64, Server));
-    EXPECT_EQ(IPC_ERR_OPENED, server.Open(name.c_str(), 64, Server));
     EXPECT_EQ(IPC_ERR_PARAM, client.Open(name.c_str(), 65, Client));
-    EXPECT_EQ(nullptr, client.Data());
     ASSERT_EQ(IPC_OK, client.Open(name.c_str(), 64, Client));
     server.Data()[63] = 'q';
-    EXPECT_EQ('q', client.Data()[63]);
-
     // Server first: the block stays for the client, and the name stays taken until it closes.
     server.Close();
     EXPECT_EQ('q', client.Data()[63]);
-    KelLocalMemory again;
     EXPECT_EQ(IPC_ERR_OPENED, again.Open(name.c_str(), 64, Server));
     client.Close();
-    EXPECT_EQ(IPC_OK, client.Close());
     EXPECT_EQ(nullptr, client.Data());
     EXPECT_EQ(IPC_OK, again.Open(name.c_str(), 128, Server));
 }
@@ -89,12 +69,11 @@ TEST(KelChannelRing, ArgumentTestsBeforeTheRingOnlyForBlockAndNonBlockForms) {
     KelChannelRing& ring = server.Ring();
     char byte = 0;
     for (int length : {0, -1}) {
-        EXPECT_EQ(IPC_ERR_NULL, ring.BlockWrite(&byte, length));
-        EXPECT_EQ(IPC_ERR_NULL, ring.BlockRead(&byte, length));
-        EXPECT_EQ(IPC_ERR_NULL, ring.NonBlockWrite(&byte, length));
-        EXPECT_EQ(IPC_ERR_NULL, ring.NonBlockRead(&byte, length));
-        EXPECT_EQ(IPC_ERR_NULL, ring.Write(&byte, length));  // from the ring itself
-        EXPECT_EQ(IPC_ERR_NULL, ring.Read(&byte, length));
+        // Write and Read refuse them in the ring itself.
+        for (int rc : {ring.BlockWrite(&byte, length), ring.BlockRead(&byte, length),
+                       ring.NonBlockWrite(&byte, length), ring.NonBlockRead(&byte, length)}) {
+            EXPECT_EQ(IPC_ERR_NULL, rc) << length;
+        }
     }
     EXPECT_EQ(IPC_ERR_NULL, ring.NonBlockWrite(nullptr, 1));
     EXPECT_EQ(IPC_OK, server.Close());

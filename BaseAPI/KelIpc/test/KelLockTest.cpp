@@ -1,6 +1,8 @@
 // File lock, its guard, process mutex. Lock exclusion is between processes, so the other side of every
 // check is a forked child: one that probes and exits, or one that holds a lock until it is killed.
+#include <pwd.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -34,15 +36,14 @@ int Probe(const std::string& path) {
 // Another process that locks path as take does and keeps the lock until it is killed, never unlocking.
 // Null when take failed there.
 std::unique_ptr<kt::Child> Holder(const std::string& path, const std::function<bool(KelFileLock&)>& take) {
-    const std::string mark = path + ".held";
     auto child = std::make_unique<kt::Child>([&] {
         KelFileLock lock(path);
         if (!take(lock)) return 1;
-        std::ofstream{mark};
+        kt::TellReady();
         sleep(60);  // the test kills it long before
         return 0;
     });
-    return kt::WaitUntil([&] { return std::filesystem::remove(mark); }, kWaitMs) ? std::move(child) : nullptr;
+    return child->WaitReady(kWaitMs) ? std::move(child) : nullptr;
 }
 
 long OpenDescriptors() {
@@ -60,8 +61,7 @@ protected:
     }
     void TearDown() override { std::filesystem::remove_all(m_dir); }
 
-    std::string m_dir;
-    std::string m_path;
+    std::string m_dir, m_path;
 };
 
 TEST_F(KelLockTest, ExclusiveExcludesOtherProcessesUntilUnlockOrTheHoldersEnd) {
@@ -124,6 +124,30 @@ TEST_F(KelLockTest, LocksBelongToTheProcessWhicheverPathReachesTheFile) {
     EXPECT_EQ(Probe(m_path), kShared | kExclusive);  // closing second dropped the lock taken through lock
 }
 
+// In a sticky, world-writable folder anyone may plant a link to a file of the victim's choosing; one that
+// may not write the lock file still takes a shared lock on it.
+TEST_F(KelLockTest, APlantedLinkInASharedStickyFolderIsRefusedAndAReadOnlyFileStillLocksShared) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to act as another user";
+    uid_t stranger = 61000;
+    while (getpwuid(stranger) != nullptr) ++stranger;
+    const std::string planted = m_dir + "/planted", own = m_dir + "/own";
+    ASSERT_EQ(0, chmod(m_dir.c_str(), 01777));
+    ASSERT_EQ(0, chmod(m_path.c_str(), 0644));
+    ASSERT_EQ(0, symlink(m_path.c_str(), own.c_str()));  // the folder owner's link is followed
+    const int code = kt::RunInChild([&] {
+        if (setgid(stranger) != 0 || setuid(stranger) != 0) return 77;
+        if (symlink(m_path.c_str(), planted.c_str()) != 0) return 1;
+        KelFileLock lock(m_path);  // 0644, the test's
+        return lock.LockShared() && !lock.LockExclusive() ? 0 : 2;
+    });
+    if (code == 77) GTEST_SKIP() << "cannot switch to another user here";
+    ASSERT_EQ(0, code);
+    EXPECT_FALSE(KelFileLock(planted).LockShared());
+    KelFileLock ownLock(own);
+    EXPECT_TRUE(ownLock.LockExclusive());
+    EXPECT_EQ(0, Probe(m_path));
+}
+
 TEST_F(KelLockTest, UnresolvablePathLeavesObjectWithoutDescriptor) {
     for (const std::string& path : {m_dir + "/missing", m_dir + "/nodir/lock"}) {
         const long before = OpenDescriptors();
@@ -152,10 +176,8 @@ TEST_F(KelLockTest, WriteThenReadContinuesAtTheOffset) {
     char buf[16] = {};
     EXPECT_EQ(lock.Read(buf, sizeof buf), 8);
     EXPECT_STREQ(buf, "23456789");
-    EXPECT_EQ(lock.Read(buf, sizeof buf), 0);
-    std::string content;
-    std::ifstream(m_path) >> content;
-    EXPECT_EQ(content, "ab23456789");
+    std::ifstream(m_path) >> buf;
+    EXPECT_STREQ(buf, "ab23456789");
 }
 
 // A stand-in kept for its interface: it never waits, not for itself and not for another process.

@@ -261,21 +261,16 @@ TEST(KelPollFd, KilledPeerMakesEveryDescriptorReadableWithPeerGone) {
     std::vector<KelIpcSocket> servers(kConnections);
     for (int i = 0; i < kConnections; ++i)
         ASSERT_EQ(IPC_OK, OpenEnd(servers[i], Process, Server, name + std::to_string(i), true));
-    int ready[2];
-    ASSERT_EQ(0, pipe2(ready, O_CLOEXEC));
     kt::Child peer([&] {
         std::vector<KelIpcSocket> clients(kConnections);
         for (int i = 0; i < kConnections; ++i)
             if (OpenEnd(clients[i], Process, Client, name + std::to_string(i), true) != IPC_OK) return 1;
-        const char byte = 1;
-        if (write(ready[1], &byte, 1) != 1) return 1;
+        kt::TellReady();
         pause();
         return 0;
     });
+    ASSERT_TRUE(peer.WaitReady(10000));
     char byte = 0;
-    pollfd opened{ready[0], POLLIN, 0};
-    ASSERT_EQ(1, poll(&opened, 1, 10000));
-    ASSERT_EQ(1, read(ready[0], &byte, 1));
     const int set = epoll_create1(EPOLL_CLOEXEC);
     for (uint32_t i = 0; i < kConnections; ++i) {
         epoll_event event{};
@@ -295,8 +290,6 @@ TEST(KelPollFd, KilledPeerMakesEveryDescriptorReadableWithPeerGone) {
     EXPECT_EQ(static_cast<size_t>(kConnections), woken.size());
     for (KelIpcSocket& server : servers) EXPECT_EQ(IPC_ERR_PEER_GONE, server.NonBlockRead(&byte, 1));
     close(set);
-    close(ready[0]);
-    close(ready[1]);
 }
 
 TEST(KelPollFd, DescriptorBelongsToAnOpenEndIsCloseOnExecAndItsFifoGoesWithTheEnd) {

@@ -48,27 +48,34 @@ int OpenEnd(KelIpcSocket& socket, KelSide side, const std::string& name,
     return socket.Open(Process, side, name.c_str(), security);
 }
 
-bool IsSegment(const std::string& object) {
-    return object.compare(object.size() - 4, 4, "_shm") == 0;
-}
-
-// What identifies an object (segment inode, set id; -1 when missing) and its permission bits.
-struct Facts {
-    long id = -1;
-    int mode = -1;
+// A server end written from the published format alone, holding no token; each step false on a failure.
+struct BareServer {
+    KelShareMemory memory[2];
+    KelSystemSemaphore sem[2];
+    KelCycleBuffer ring[2];
+    bool Open(const std::string& name) {
+        for (int i = 0; i < 2; ++i) {
+            const std::string channel = name + (i == 0 ? "_XL" : "_XR");
+            if (memory[i].Open((channel + "_shm").c_str(), kBlock, Server, nullptr) != IPC_OK ||
+                sem[i].Open((channel + "_ssm").c_str(), Server, nullptr) != IPC_OK)
+                return false;
+        }
+        return true;
+    }
+    bool SetUpRings() {
+        return ring[0].AttachIpc(memory[0].Data(), kBlock, Server, Block, &sem[0]) == IPC_OK &&
+               ring[1].AttachIpc(memory[1].Data(), kBlock, Server, Block, &sem[1]) == IPC_OK;
+    }
 };
 
-Facts Examine(const std::string& object) {
-    Facts facts;
+// The permission bits of a segment or semaphore set; -1 when it is missing.
+int ModeOf(const std::string& object) {
     struct stat st {};
     struct semid_ds ds {};
-    const int id = IsSegment(object) ? -1 : semget(kt::Djb2Key(object), 1, 0);
-    if (IsSegment(object) && stat(("/dev/shm/" + object).c_str(), &st) == 0) {
-        facts = {static_cast<long>(st.st_ino), int(st.st_mode & 0777)};
-    } else if (id >= 0 && semctl(id, 0, IPC_STAT, &ds) == 0) {
-        facts = {id, int(ds.sem_perm.mode & 0777)};
-    }
-    return facts;
+    if (object.compare(object.size() - 4, 4, "_shm") == 0)
+        return stat(("/dev/shm/" + object).c_str(), &st) == 0 ? int(st.st_mode & 0777) : -1;
+    const int id = semget(kt::Djb2Key(object), 1, 0);
+    return id >= 0 && semctl(id, 0, IPC_STAT, &ds) == 0 ? int(ds.sem_perm.mode & 0777) : -1;
 }
 
 struct Flow {
@@ -114,7 +121,6 @@ T Settle(std::future<T>& transfer, KelIpcSocket* socket, const char* what) {
 
 // What a forked child tells the test process; a killed child cannot report through its exit code.
 struct Notes {
-    std::atomic<int> ready{0};
     std::atomic<int64_t> written{0};  // bytes of the stream connection's completed writes
 };
 
@@ -133,7 +139,6 @@ std::unique_ptr<T, Unmap<T>> Shared() {
 // One kill ends four connections, each with the survivor in another state: blocked in Read, blocked in
 // Write on a full ring, idle, and streaming both ways.
 enum Connection { kReading, kFull, kIdle, kStreaming, kConnections };
-const char* const kStates[] = {"blocked in Read", "blocked in Write", "idle", "streaming"};
 
 // The end that will be killed: holds the four connections and streams on the last until the kill.
 int HoldUntilKilled(const std::vector<std::string>& names, KelSide side, Notes* notes) {
@@ -141,7 +146,7 @@ int HoldUntilKilled(const std::vector<std::string>& names, KelSide side, Notes* 
     for (int i = 0; i < kConnections; ++i) {
         if (OpenEnd(sockets[i], side, names[i]) != IPC_OK) return 2;
     }
-    notes->ready.store(1);
+    kt::TellReady();
     KelIpcSocket& stream = sockets[kStreaming];
     std::thread reader([&] { Transfer(stream, false, side == Server ? 0 : kRBase, 3000, kEndless); });
     for (int64_t done = 0;; done += 3000) {
@@ -154,14 +159,6 @@ int HoldUntilKilled(const std::vector<std::string>& names, KelSide side, Notes* 
     return 0;
 }
 
-// Milliseconds from start until the future is ready; -1 past the bound.
-template <typename T>
-int64_t MsUntilReady(std::future<T>& future, std::chrono::steady_clock::time_point start) {
-    if (!kt::Ready(future, kBound)) return -1;
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start)
-        .count();
-}
-
 // Reads or writes until a call fails; a short count is a normal end of a call before the code.
 int UntilFailure(KelIpcSocket& socket, bool writing) {
     std::vector<char> bytes(3 * kBlock);
@@ -171,11 +168,9 @@ int UntilFailure(KelIpcSocket& socket, bool writing) {
     }
 }
 
-void KillTrial(KelSide killed, std::mt19937& random, Notes* notes,
-               std::vector<int64_t> (&delays)[kConnections]) {
+void KillTrial(KelSide killed, std::mt19937& random, Notes* notes) {
     std::vector<std::string> names;
     for (int i = 0; i < kConnections; ++i) names.push_back(kt::UniqueName("kill"));
-    notes->ready.store(0);
     notes->written.store(0);
     const KelSide kept = killed == Server ? Client : Server;
     std::vector<KelIpcSocket> survivor(kConnections);
@@ -183,7 +178,7 @@ void KillTrial(KelSide killed, std::mt19937& random, Notes* notes,
         for (int i = 0; i < kConnections; ++i) ASSERT_EQ(IPC_OK, OpenEnd(survivor[i], Server, names[i]));
     }
     kt::Child child([&] { return HoldUntilKilled(names, killed, notes); });
-    ASSERT_TRUE(kt::WaitUntil([&] { return notes->ready.load() == 1; }, kBound));
+    ASSERT_TRUE(child.WaitReady(kBound));
     if (kept == Client) {
         for (int i = 0; i < kConnections; ++i) ASSERT_EQ(IPC_OK, OpenEnd(survivor[i], Client, names[i]));
     }
@@ -196,16 +191,11 @@ void KillTrial(KelSide killed, std::mt19937& random, Notes* notes,
     auto received =
         std::async(std::launch::async, [&] { return Transfer(stream, false, in, 2000, kEndless); });
     std::this_thread::sleep_for(std::chrono::milliseconds(std::uniform_int_distribution<int>(5, 40)(random)));
-    const auto killedAt = std::chrono::steady_clock::now();
     child.Kill();
     const int64_t writtenBeforeDeath = notes->written.load();
     auto idle = std::async(std::launch::async, [&] {
         return kt::WaitUntil([&] { return survivor[kIdle].DataSize() == IPC_ERR_PEER_GONE; }, kBound);
     });
-    delays[kReading].push_back(MsUntilReady(reading, killedAt));
-    delays[kFull].push_back(MsUntilReady(full, killedAt));
-    delays[kIdle].push_back(MsUntilReady(idle, killedAt));
-    delays[kStreaming].push_back(std::max(MsUntilReady(sent, killedAt), MsUntilReady(received, killedAt)));
     EXPECT_EQ(IPC_ERR_PEER_GONE, Settle(reading, &survivor[kReading], "the blocked read"));
     EXPECT_EQ(IPC_ERR_PEER_GONE, Settle(full, &survivor[kFull], "the blocked write"));
     EXPECT_TRUE(Settle(idle, nullptr, "the idle end's DataSize"));
@@ -238,22 +228,9 @@ void RunKillTrials(KelSide killed, uint32_t seed) {
     const auto notes = Shared<Notes>();
     ASSERT_NE(nullptr, notes);
     std::mt19937 random(seed);
-    std::vector<int64_t> delays[kConnections];
     for (int trial = 0; trial < kKills && !testing::Test::HasFailure(); ++trial) {
         SCOPED_TRACE("trial " + std::to_string(trial));
-        KillTrial(killed, random, notes.get(), delays);
-    }
-    // Generous against a loaded machine; the distribution is what the figures report.
-    for (int i = 0; i < kConnections; ++i) {
-        std::vector<int64_t>& d = delays[i];
-        std::sort(d.begin(), d.end());
-        if (d.empty()) continue;
-        EXPECT_LE(0, d.front()) << kStates[i] << ": a survivor was not told in time";
-        EXPECT_GE(2000, d.back()) << kStates[i];
-        std::printf("survivor %s: PEER_GONE after p50 %lld ms, p99 %lld ms, max %lld ms (%zu kills)\n",
-                    kStates[i], static_cast<long long>(d[d.size() / 2]),
-                    static_cast<long long>(d[d.size() * 99 / 100]), static_cast<long long>(d.back()),
-                    d.size());
+        KillTrial(killed, random, notes.get());
     }
     // A peer's death is no failure of the survivor's calls: none of them has anything to log.
     for (const KelLogRecord& record : log.Records()) ADD_FAILURE() << "logged: " << record.message;
@@ -346,8 +323,6 @@ void StormTrial(bool reading) {
 // on, not only at the cadence at which a writer with room asks.
 TEST(KelReliabilityCrash, NonBlockingCallsLearnOfAKilledPeerAfterWhatItLeft) {
     const std::string name = kt::UniqueName("nbdead");
-    const auto notes = Shared<Notes>();
-    ASSERT_NE(nullptr, notes);
     KelIpcSocket server;
     ASSERT_EQ(IPC_OK, OpenEnd(server, Server, name));
     const std::vector<char> bytes = kt::Pattern(kBlock);
@@ -356,10 +331,10 @@ TEST(KelReliabilityCrash, NonBlockingCallsLearnOfAKilledPeerAfterWhatItLeft) {
     kt::Child client([&] {
         KelIpcSocket end;
         if (OpenEnd(end, Client, name) != IPC_OK || end.Write(bytes.data(), 10) != 10) return 1;
-        notes->ready.store(1);
+        kt::TellReady();
         for (;;) std::this_thread::sleep_for(std::chrono::seconds(1));
     });
-    ASSERT_TRUE(kt::WaitUntil([&] { return notes->ready.load() == 1; }, kBound));
+    ASSERT_TRUE(client.WaitReady(kBound));
     client.Kill();
     client.Wait(kBound);
     std::vector<char> got(64);
@@ -425,11 +400,8 @@ TEST(KelReliabilityLinger, WriteThenCloseWithALingerLosesNothingToASlowReader) {
     EXPECT_EQ(IPC_ERR_NOT_OPENED, server.Read(&byte, 1)) << "a stream that lost its tail ended cleanly";
 }
 
-TEST(KelReliabilitySignals, ABlockingReadInterruptedEveryMillisecondStillGetsEveryByte) {
+TEST(KelReliabilitySignals, BlockingReadsAndWritesInterruptedEveryMillisecondStillMoveEveryByte) {
     StormTrial(true);
-}
-
-TEST(KelReliabilitySignals, ABlockingWriteInterruptedEveryMillisecondStillDeliversEveryByte) {
     StormTrial(false);
 }
 
@@ -441,7 +413,7 @@ TEST(KelReliabilityPermissions, ServerObjectsGetMode0660WithoutSecurityAndExactl
         KelIpcSocket server;
         EXPECT_EQ(IPC_OK, OpenEnd(server, Server, name, security));
         for (const char* suffix : kObjects) {
-            EXPECT_EQ(security == nullptr ? 0660 : 0600, Examine(name + suffix).mode) << suffix;
+            EXPECT_EQ(security == nullptr ? 0660 : 0600, ModeOf(name + suffix)) << suffix;
         }
         EXPECT_EQ(IPC_OK, server.Close());
         EXPECT_EQ(077u, umask(077)) << "the open changed the process umask";
@@ -478,7 +450,7 @@ namespace {
 int ServeUntilKilled(const std::string& name, Notes* notes) {
     KelIpcSocket server;
     if (OpenEnd(server, Server, name) != IPC_OK) return 2;
-    notes->ready.store(1);
+    kt::TellReady();
     for (int64_t sent = 0;; std::this_thread::sleep_for(std::chrono::milliseconds(1))) {
         for (; sent < notes->written.load(); ++sent) {
             if (server.Write("s", 1) != 1) return 3;
@@ -537,14 +509,12 @@ TEST(KelReliabilityRestart, ATransferThatSleptThroughStopAndStartEndsInsteadOfJo
     for (bool writerParked : {true, false}) {
         SCOPED_TRACE(writerParked ? "a writer parked for room" : "a reader part-way through its count");
         const std::string name = kt::UniqueName("restart");
-        const auto notes = Shared<Notes>();
-        ASSERT_NE(nullptr, notes);
         KelIpcSocket server;
         ASSERT_EQ(IPC_OK, OpenEnd(server, Server, name));
         kt::Child client([&] {
             KelIpcSocket end;
             if (OpenEnd(end, Client, name) != IPC_OK) return 1;
-            notes->ready.store(1);
+            kt::TellReady();
             std::vector<char> old = kt::Pattern(3 * kRoom);
             const int rc = writerParked ? end.Write(old.data(), 3 * kRoom) : end.Read(old.data(), 3 * kPiece);
             if (rc != IPC_ERR_NOT_OPENED) return 2;
@@ -555,7 +525,7 @@ TEST(KelReliabilityRestart, ATransferThatSleptThroughStopAndStartEndsInsteadOfJo
             if (writerParked && end.Read(&byte, 1) != IPC_ERR_NOT_OPENED) return 4;
             return kt::FirstWrong(fresh.data(), 100, kRBase) == -1 ? 0 : 5;
         });
-        ASSERT_TRUE(kt::WaitUntil([&] { return notes->ready.load() == 1; }, kBound));
+        ASSERT_TRUE(client.WaitReady(kBound));
         if (writerParked) {
             // Less than a piece free: the writer waits for room.
             ASSERT_TRUE(kt::WaitUntil([&] { return server.DataSize() > kRoom - kPiece; }, kBound));
@@ -585,28 +555,22 @@ TEST(KelReliabilityRestart, ATransferThatSleptThroughStopAndStartEndsInsteadOfJo
     }
 }
 
-TEST(KelReliabilityRestart, ALiveServerKeepsItsNameAndADeadOnesIsReclaimedWhileItsClientIsTold) {
+TEST(KelReliabilityRestart, AStoppedServerIsWaitedForAndADeadOnesNameIsReclaimedWhileItsClientIsTold) {
     const std::string name = kt::UniqueName("owner");
     const auto notes = Shared<Notes>();
     ASSERT_NE(nullptr, notes);
     kt::Child first([&] { return ServeUntilKilled(name, notes.get()); });
-    ASSERT_TRUE(kt::WaitUntil([&] { return notes->ready.load() == 1; }, kBound));
-    KelIpcSocket client;
+    ASSERT_TRUE(first.WaitReady(kBound));
+    // A second server beside a live one is the race tests' part.
+    KelIpcSocket client, second;
     ASSERT_EQ(IPC_OK, OpenEnd(client, Client, name));
-    const long segment = Examine(name + "_XL_shm").id;
-    KelIpcSocket second;
-    EXPECT_EQ(IPC_ERR_OPENED, OpenEnd(second, Server, name));
-    EXPECT_EQ(segment, Examine(name + "_XL_shm").id) << "the refused server replaced the live one's objects";
-    notes->written.store(1);
-    char byte = 0;
-    EXPECT_EQ(1, client.Read(&byte, 1)) << "the live server no longer reaches its client";
-
     // SIGSTOP is no death: a stopped server is waited for.
     kill(first.Pid(), SIGSTOP);
+    char byte = 0;
     auto stopped = std::async(std::launch::async, [&] { return client.Read(&byte, 1); });
     EXPECT_FALSE(kt::Ready(stopped, 1000)) << "a stopped server was taken for dead";
     kill(first.Pid(), SIGCONT);
-    notes->written.store(2);
+    notes->written.store(1);
     EXPECT_EQ(1, Settle(stopped, &client, "the read from the continued server"));
 
     first.Kill();
@@ -687,24 +651,13 @@ TEST(KelReliabilityTimeout, BoundedCallsEndWithAShortCountOrTimeoutAndResumeWith
 // An end that follows only the ring protocol holds no token: its death goes unnoticed, as before.
 TEST(KelReliabilityTimeout, AServerWithoutATokenIsNeverTakenForDead) {
     const std::string name = kt::UniqueName("bare");
-    const auto notes = Shared<Notes>();
-    ASSERT_NE(nullptr, notes);
     kt::Child bare([&] {
-        KelShareMemory memory[2];
-        KelSystemSemaphore sem[2];
-        KelCycleBuffer ring[2];
-        for (int i = 0; i < 2; ++i) {
-            const std::string channel = name + (i == 0 ? "_XL" : "_XR");
-            if (memory[i].Open((channel + "_shm").c_str(), kBlock, Server, nullptr) != IPC_OK ||
-                sem[i].Open((channel + "_ssm").c_str(), Server, nullptr) != IPC_OK ||
-                ring[i].AttachIpc(memory[i].Data(), kBlock, Server, Block, &sem[i]) != IPC_OK) {
-                return 2;
-            }
-        }
-        notes->ready.store(1);
+        BareServer server;
+        if (!server.Open(name) || !server.SetUpRings()) return 2;
+        kt::TellReady();
         for (;;) std::this_thread::sleep_for(std::chrono::seconds(1));
     });
-    ASSERT_TRUE(kt::WaitUntil([&] { return notes->ready.load() == 1; }, kBound));
+    ASSERT_TRUE(bare.WaitReady(kBound));
     KelIpcSocket client;
     int bound = 300;
     ASSERT_EQ(IPC_OK, client.SetOption(ReadTimeout, &bound));
@@ -858,7 +811,7 @@ TEST(KelReliabilityOwnership, ASetMadeForAnotherNameIsRefusedWhileItsServerLives
     const auto notes = Shared<Notes>();
     ASSERT_NE(nullptr, notes);
     kt::Child owner([&] { return ServeUntilKilled(first, notes.get()); });
-    ASSERT_TRUE(kt::WaitUntil([&] { return notes->ready.load() == 1; }, kBound));
+    ASSERT_TRUE(owner.WaitReady(kBound));
     KelIpcSocket client;
     ASSERT_EQ(IPC_OK, OpenEnd(client, Client, first));
     KelIpcSocket other;
@@ -884,19 +837,12 @@ TEST(KelReliabilityOwnership, ASetMadeForAnotherNameIsRefusedWhileItsServerLives
 TEST(KelReliabilityOwnership, AClientTakesNoPartInARingThatNoServerHasInitialisedYet) {
     // A server caught between creating its objects and setting its rings up.
     const std::string name = kt::UniqueName("early");
-    KelShareMemory memory[2];
-    KelSystemSemaphore sem[2];
-    for (int i = 0; i < 2; ++i) {
-        const std::string channel = name + (i == 0 ? "_XL" : "_XR");
-        ASSERT_EQ(IPC_OK, memory[i].Open((channel + "_shm").c_str(), kBlock, Server, nullptr));
-        ASSERT_EQ(IPC_OK, sem[i].Open((channel + "_ssm").c_str(), Server, nullptr));
-    }
+    BareServer server;
+    ASSERT_TRUE(server.Open(name));
     KelIpcSocket client;
     EXPECT_EQ(IPC_ERR_FAILED, OpenEnd(client, Client, name));
     EXPECT_EQ(0, HeaderWord(name + "_XL_shm", KelPeerToken::kClientHeld)) << "announced in a ring not set up";
-    KelCycleBuffer ring[2];
-    for (int i = 0; i < 2; ++i)
-        ASSERT_EQ(IPC_OK, ring[i].AttachIpc(memory[i].Data(), kBlock, Server, Block, &sem[i]));
+    ASSERT_TRUE(server.SetUpRings());
     EXPECT_EQ(IPC_OK, OpenEnd(client, Client, name));
     EXPECT_EQ(1, HeaderWord(name + "_XL_shm", KelPeerToken::kClientHeld));
 }

@@ -1,5 +1,7 @@
 #include "TestSupport.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
@@ -98,8 +100,21 @@ std::vector<std::string> LogCapture::Lines(const std::string& file) const {
     return lines;
 }
 
-Child::Child(const std::function<int()>& fn) : m_pid(fork()) {
+namespace {
+int g_readyFd = -1;  // in a child: the write end of its parent's WaitReady pipe
+}  // namespace
+
+void TellReady() {
+    const char byte = 1;
+    if (write(g_readyFd, &byte, 1) != 1) _exit(97);
+}
+
+Child::Child(const std::function<int()>& fn) : m_ready{-1, -1}, m_pid(-1) {
+    if (pipe2(m_ready, O_CLOEXEC) != 0) return;
+    m_pid = fork();
     if (m_pid == 0) {
+        close(m_ready[0]);
+        g_readyFd = m_ready[1];
         int code = 99;
         try {
             code = fn();
@@ -108,10 +123,18 @@ Child::Child(const std::function<int()>& fn) : m_pid(fork()) {
         }
         _exit(code);
     }
+    close(m_ready[1]);
 }
 
 Child::~Child() {
     if (m_pid > 0) Kill();
+    close(m_ready[0]);
+}
+
+bool Child::WaitReady(int timeoutMs) {
+    pollfd entry{m_ready[0], POLLIN, 0};
+    char byte = 0;
+    return poll(&entry, 1, timeoutMs) == 1 && read(m_ready[0], &byte, 1) == 1;
 }
 
 void Child::Kill() {

@@ -45,12 +45,18 @@ public:
     ~Child();  // kills and reaps a child still running
     // The exit code, or -1 when the child did not end within timeoutMs (it is then killed) or died.
     int Wait(int timeoutMs);
+    // True once fn has called TellReady; false when it ended first or timeoutMs passed.
+    bool WaitReady(int timeoutMs);
     void Kill();
     pid_t Pid() const { return m_pid; }
 
 private:
+    int m_ready[2];
     pid_t m_pid;
 };
+
+// Inside a Child's fn: lets the parent's WaitReady return true.
+void TellReady();
 
 // Runs fn in a child and waits for it; -1 on a timeout or abnormal end.
 int RunInChild(const std::function<int()>& fn, int timeoutMs = 20000);

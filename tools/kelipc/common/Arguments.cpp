@@ -8,14 +8,18 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "SafeText.h"
+
 namespace Arguments {
 
 namespace {
 
 constexpr size_t kMaxName = 200;
+// Room for the longest object suffix in a file name of at most 255 bytes.
+constexpr size_t kMaxExistingName = 240;
 
 std::string Refuse(const std::string& value, const std::string& accepted) {
-    return "'" + value + "' is not " + accepted;
+    return SafeText::ShellQuote(value) + " is not " + accepted;
 }
 
 bool ParseNumber(const std::string& text, double& value, size_t& used) {
@@ -132,6 +136,16 @@ CLI::Validator ChannelName() {
             for (const char c : name) control = control || static_cast<unsigned char>(c) < 0x20;
             if (name.empty() || name.size() > kMaxName || control || name.find('/') != std::string::npos)
                 return Refuse(name, "a socket name: 1 to 200 characters, no '/' and no control characters");
+            return std::string();
+        },
+        "");
+}
+
+CLI::Validator ExistingChannelName() {
+    return CLI::Validator(
+        [](std::string& name) {
+            if (name.empty() || name.size() > kMaxExistingName || name.find('/') != std::string::npos)
+                return Refuse(name, "a socket name: 1 to 240 bytes without '/'");
             return std::string();
         },
         "");

@@ -22,6 +22,9 @@ CLI::Validator Seconds(double min, double max);
 CLI::Validator OneOf(std::initializer_list<const char*> choices);
 // A socket name the library can derive its object names from.
 CLI::Validator ChannelName();
+// The name of a channel that may exist already: any bytes but '/', since any user can plant any name
+// and the operator commands must be able to look at it and remove it.
+CLI::Validator ExistingChannelName();
 // A file that can be created or overwritten now, so that a long run does not find out at its end.
 CLI::Validator WritableFile();
 

@@ -206,6 +206,19 @@ int DemoRunner::OpenSocket(KelIpcSocket& socket, KelIpcType type, KelSide side) 
     }
 }
 
+namespace {
+
+// Whether lost turns true within a short grace.
+bool SettlesTrue(const std::function<bool()>& lost) {
+    for (int check = 0; check < 20; ++check) {
+        if (lost()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
+}  // namespace
+
 // A signal, the deadline, a failed transfer or a lost peer stops the sockets, which makes every blocked
 // transfer of both ends return; the result is false then.
 bool DemoRunner::Supervise(const std::vector<DemoEndpoint*>& ends, const std::vector<KelIpcSocket*>& sockets,
@@ -229,7 +242,9 @@ bool DemoRunner::Supervise(const std::vector<DemoEndpoint*>& ends, const std::ve
         else if (peerLost && peerLost())
             reason = "the client process exited";
         else if (anyFailed())
-            reason = "a transfer failed";
+            // A dead peer's descriptors close before its parent can reap it: give its exit a moment to
+            // show, so that the row names the cause rather than its effect.
+            reason = peerLost && SettlesTrue(peerLost) ? "the client process exited" : "a transfer failed";
         else if (Clock::now() > deadline)
             reason = "timed out";
         else

@@ -1,7 +1,6 @@
 // kelipc stop, start and clean: act on a Process channel from outside its two ends.
 
 #include <KelCycleBuffer.h>
-#include <KelShareMemory.h>
 #include <KelSystemSemaphore.h>
 #include <fcntl.h>
 #include <sys/ipc.h>
@@ -13,6 +12,8 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <climits>
+#include <csetjmp>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -23,6 +24,8 @@
 
 #include "common/Arguments.h"
 #include "common/Commands.h"
+#include "common/ResultText.h"
+#include "common/SafeText.h"
 #include "operator/ChannelObjects.h"
 
 namespace {
@@ -32,47 +35,96 @@ using Direction = ChannelObjects::Direction;
 // A segment younger than this may belong to a server between creating and mapping it, so --all keeps it.
 constexpr time_t kSettleSeconds = 2;
 
-// Opens one direction as a client of the library and runs the ring's Start or Stop on it.
+// A segment cut short while it is mapped faults on the next access past its new end; while a ring
+// command touches the mapping, that fault ends the command with a message instead of killing it.
+sigjmp_buf* g_faultJump = nullptr;
+
+void OnFault(int) {
+    if (g_faultJump != nullptr) siglongjmp(*g_faultJump, 1);
+    signal(SIGBUS, SIG_DFL);
+    raise(SIGBUS);
+}
+
+// Attaches to the mapped block and runs the ring's Start or Stop; false when the segment was cut short
+// meanwhile. The ring lives on the heap so that the jump out of a fault skips no destructor of ours.
+bool GuardedStartStop(char* block, int length, KelSystemSemaphore* semaphore, bool start, int& rc) {
+    sigjmp_buf jump;
+    struct sigaction action {};
+    struct sigaction previous {};
+    action.sa_handler = OnFault;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGBUS, &action, &previous);
+    const bool faulted = sigsetjmp(jump, 1) != 0;
+    if (!faulted) {
+        g_faultJump = &jump;
+        auto* ring = new KelCycleBuffer;
+        rc = ring->AttachIpc(block, length, Client, NonBlock, semaphore);
+        if (rc == IPC_OK) rc = start ? ring->Start() : ring->Stop();
+        delete ring;
+    }
+    g_faultJump = nullptr;
+    sigaction(SIGBUS, &previous, nullptr);
+    return !faulted;
+}
+
+// Opens one direction as a client of the library would and runs the ring's Start or Stop on it, after
+// checking that the name holds a regular file whose header agrees with its size.
 bool ActOnRing(const ChannelObjects& channel, Direction direction, bool start) {
     const char* command = start ? "start" : "stop";
-    const std::string shmName = channel.ShmName(direction);
+    const std::string path = SafeText::ShellQuote(channel.ShmPath(direction));
     const char* tag = ChannelObjects::Tag(direction);
-    const ChannelObjects::Segment segment = channel.StatSegment(direction);
-    if (!segment.present) {
-        std::fprintf(stderr, "kelipc %s: %s: no segment %s\n", command, tag,
-                     channel.ShmPath(direction).c_str());
+    int64_t size = 0;
+    const int fd = channel.OpenSegment(direction, O_RDWR, size);
+    if (fd < 0) {
+        if (fd == ChannelObjects::kNotRegular)
+            std::fprintf(stderr, "kelipc %s: %s: %s is not a regular file\n", command, tag, path.c_str());
+        else
+            std::fprintf(stderr, "kelipc %s: %s: cannot open %s: %s\n", command, tag, path.c_str(),
+                         errno == ENOENT ? "no such segment" : std::strerror(errno));
         return false;
     }
-    const ChannelObjects::Ring header = channel.ReadRing(direction);
-    if (segment.size < 32768 || segment.size > INT_MAX || !header.Initialised()) {
-        std::fprintf(stderr, "kelipc %s: %s: %s holds no ring a server has set up\n", command, tag,
-                     channel.ShmPath(direction).c_str());
+    const ChannelObjects::Ring header = ChannelObjects::ReadRing(fd, size);
+    const int64_t headerSize = static_cast<int64_t>(sizeof(KelCBHead));
+    if (size < 32768 || size > INT_MAX || !header.Initialised() || header.dataLen != size - headerSize) {
+        std::fprintf(stderr,
+                     "kelipc %s: %s: %s holds no ring a server has set up (size %lld, data area %d in its "
+                     "header)\n",
+                     command, tag, path.c_str(), static_cast<long long>(size), header.dataLen);
+        close(fd);
         return false;
     }
-    const int size = static_cast<int>(segment.size);
-    KelShareMemory memory;
-    int rc = memory.Open(shmName.c_str(), size, Client, nullptr);
-    if (rc != IPC_OK) {
-        std::fprintf(stderr, "kelipc %s: %s: cannot open %s, rc=%d (%s)\n", command, tag, shmName.c_str(), rc,
-                     KelIpcStrError(rc));
+    void* block = mmap(nullptr, static_cast<size_t>(size), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    if (block == MAP_FAILED) {
+        std::fprintf(stderr, "kelipc %s: %s: cannot map %s: %s\n", command, tag, path.c_str(),
+                     std::strerror(errno));
         return false;
     }
-    // Without the set the run flag still changes, but a reader asleep on it cannot be woken.
+    // Only a set this channel's server made is signalled: one of another name would wake the wrong reader.
+    // Without one the run flag still changes, but a reader asleep on it cannot be woken.
     KelSystemSemaphore semaphore;
-    if (!channel.StatSemaphore(direction).present) {
+    const ChannelObjects::Semaphore set = channel.StatSemaphore(direction);
+    int rc = IPC_OK;
+    if (!set.present || (set.marked && !set.named)) {
         if (!start)
-            std::fprintf(stderr, "kelipc %s: %s: no semaphore set; a sleeping reader stays asleep\n", command,
-                         tag);
+            std::fprintf(stderr,
+                         "kelipc %s: %s: no semaphore set of this channel; a sleeping reader stays asleep\n",
+                         command, tag);
     } else if ((rc = semaphore.Open(channel.SemName(direction).c_str(), Client, nullptr)) != IPC_OK) {
-        std::fprintf(stderr, "kelipc %s: %s: cannot open semaphore set %s, rc=%d (%s)\n", command, tag,
-                     channel.SemName(direction).c_str(), rc, KelIpcStrError(rc));
+        std::fprintf(stderr, "kelipc %s: %s: cannot open semaphore set %s, rc=%s\n", command, tag,
+                     SafeText::ShellQuote(channel.SemName(direction)).c_str(), ResultText(rc).c_str());
     }
-    KelCycleBuffer ring;
-    rc = ring.AttachIpc(memory.Data(), size, Client, NonBlock, semaphore.Opened() ? &semaphore : nullptr);
-    if (rc == IPC_OK) rc = start ? ring.Start() : ring.Stop();
+    const bool whole = GuardedStartStop(static_cast<char*>(block), static_cast<int>(size),
+                                        semaphore.Opened() ? &semaphore : nullptr, start, rc);
+    munmap(block, static_cast<size_t>(size));
+    if (!whole) {
+        std::fprintf(stderr, "kelipc %s: %s: %s was cut short while it was changed\n", command, tag,
+                     path.c_str());
+        return false;
+    }
     if (rc != IPC_OK) {
-        std::fprintf(stderr, "kelipc %s: %s: %s failed, rc=%d (%s)\n", command, tag, start ? "Start" : "Stop",
-                     rc, KelIpcStrError(rc));
+        std::fprintf(stderr, "kelipc %s: %s: %s failed, rc=%s\n", command, tag, start ? "Start" : "Stop",
+                     ResultText(rc).c_str());
         return false;
     }
     std::printf("%s (%s): %s\n", tag, ChannelObjects::Flow(direction), start ? "started" : "stopped");
@@ -100,10 +152,10 @@ int RingCommand(const std::string& name, bool start) {
     const ChannelObjects channel(name);
     if (!channel.StatSegment(ChannelObjects::kL).present &&
         !channel.StatSegment(ChannelObjects::kR).present) {
-        std::fprintf(stderr, "kelipc %s: no channel \"%s\": neither %s nor %s exists\n",
-                     start ? "start" : "stop", channel.Name().c_str(),
-                     channel.ShmPath(ChannelObjects::kL).c_str(),
-                     channel.ShmPath(ChannelObjects::kR).c_str());
+        std::fprintf(stderr, "kelipc %s: no channel %s: neither %s nor %s exists\n", start ? "start" : "stop",
+                     SafeText::ShellQuote(channel.Name()).c_str(),
+                     SafeText::ShellQuote(channel.ShmPath(ChannelObjects::kL)).c_str(),
+                     SafeText::ShellQuote(channel.ShmPath(ChannelObjects::kR)).c_str());
         return kExitFailure;
     }
     bool ok = true;
@@ -124,7 +176,7 @@ CommandRun SetupRing(CLI::App& command, bool start) {
               "of both ends returns IPC_ERR_NOT_OPENED until an end (or 'kelipc start') starts the channel\n"
               "again, and rings the descriptor FIFO of each end that has one, so event loops see it too.\n"
               "Releases a process blocked on a channel whose peer died.");
-    command.add_option("NAME", *name, "the socket name")->required()->check(Arguments::ChannelName());
+    command.add_option("NAME", *name, "the socket name")->required()->check(Arguments::ExistingChannelName());
     return [name, start] { return RingCommand(*name, start); };
 }
 
@@ -137,8 +189,8 @@ std::string MapperList(const std::array<std::vector<ChannelObjects::Mapper>, 2>&
             for (const pid_t pid : seen) listed = listed || pid == mapper.pid;
             if (listed) continue;
             seen.push_back(mapper.pid);
-            list +=
-                (list.empty() ? "pid " : ", pid ") + std::to_string(mapper.pid) + " (" + mapper.command + ")";
+            list += (list.empty() ? "pid " : ", pid ") + std::to_string(mapper.pid) + " (" +
+                    SafeText::Printable(mapper.command) + ")";
         }
     }
     return list;
@@ -155,6 +207,23 @@ bool RecentlyCreated(const ChannelObjects& channel) {
     return false;
 }
 
+// The id of the set at the direction's key when it is this channel's to remove, else -1, saying why a
+// set there stays: the key is a hash that other names share, so only a set a server of ours made for exactly
+// this name (its marker and name check) is the channel's, and only the invoking user's (root: anyone's).
+int OwnSetId(const ChannelObjects& channel, Direction direction) {
+    const ChannelObjects::Semaphore set = channel.StatSemaphore(direction);
+    if (!set.present) return -1;
+    const char* reason = set.error != 0                         ? std::strerror(set.error)
+                         : !set.marked                          ? "no server of this library marked it"
+                         : !set.named                           ? "it was made for another name"
+                         : set.uid != getuid() && getuid() != 0 ? "it belongs to another user"
+                                                                : nullptr;
+    if (reason == nullptr) return set.id;
+    std::printf("left semaphore set key 0x%08x, id %d alone: %s\n",
+                static_cast<unsigned>(channel.SemKey(direction)), set.id, reason);
+    return -1;
+}
+
 // Removes what exists of the channel's four objects, reporting each; mapped channels only when forced,
 // and with keepRecent not those a server may still be setting up.
 CleanResult CleanChannel(const ChannelObjects& channel, bool force, bool keepRecent, std::string& users) {
@@ -163,7 +232,7 @@ CleanResult CleanChannel(const ChannelObjects& channel, bool force, bool keepRec
     bool any = false;
     for (const Direction direction : ChannelObjects::kDirections) {
         segments[direction] = channel.StatSegment(direction).present;
-        semIds[direction] = semget(channel.SemKey(direction), 0, 0);
+        semIds[direction] = OwnSetId(channel, direction);
         any = any || segments[direction] || semIds[direction] != -1;
     }
     for (const ChannelObjects::Side side : ChannelObjects::kSides)
@@ -176,10 +245,10 @@ CleanResult CleanChannel(const ChannelObjects& channel, bool force, bool keepRec
     for (const Direction direction : ChannelObjects::kDirections) {
         if (!segments[direction]) continue;
         if (shm_unlink(channel.ShmName(direction).c_str()) == 0) {
-            std::printf("removed segment %s\n", channel.ShmPath(direction).c_str());
+            std::printf("removed segment %s\n", SafeText::ShellQuote(channel.ShmPath(direction)).c_str());
         } else if (errno != ENOENT) {
-            std::fprintf(stderr, "kelipc clean: cannot remove %s: %s\n", channel.ShmPath(direction).c_str(),
-                         std::strerror(errno));
+            std::fprintf(stderr, "kelipc clean: cannot remove %s: %s\n",
+                         SafeText::ShellQuote(channel.ShmPath(direction)).c_str(), std::strerror(errno));
             ok = false;
         }
     }
@@ -196,11 +265,12 @@ CleanResult CleanChannel(const ChannelObjects& channel, bool force, bool keepRec
         if (semIds[direction] == -1) continue;
         // Removal wakes a sleeper with EIDRM: its blocking read fails instead of sleeping on.
         if (semctl(semIds[direction], 0, IPC_RMID) == 0) {
-            std::printf("removed semaphore set %s (key 0x%08x, id %d)\n", channel.SemName(direction).c_str(),
+            std::printf("removed semaphore set %s (key 0x%08x, id %d)\n",
+                        SafeText::ShellQuote(channel.SemName(direction)).c_str(),
                         static_cast<unsigned>(channel.SemKey(direction)), semIds[direction]);
         } else if (errno != EINVAL && errno != EIDRM) {
             std::fprintf(stderr, "kelipc clean: cannot remove semaphore set %s: %s\n",
-                         channel.SemName(direction).c_str(), std::strerror(errno));
+                         SafeText::ShellQuote(channel.SemName(direction)).c_str(), std::strerror(errno));
             ok = false;
         }
     }
@@ -252,11 +322,12 @@ int CleanAll() {
                 ++removed;
                 break;
             case CleanResult::kInUse:
-                std::printf("kept \"%s\": mapped by %s\n", name.c_str(), users.c_str());
+                std::printf("kept %s: mapped by %s\n", SafeText::ShellQuote(name).c_str(), users.c_str());
                 ++kept;
                 break;
             case CleanResult::kRecent:
-                std::printf("kept \"%s\": created moments ago, perhaps still being opened\n", name.c_str());
+                std::printf("kept %s: created moments ago, perhaps still being opened\n",
+                            SafeText::ShellQuote(name).c_str());
                 ++kept;
                 break;
             case CleanResult::kFailed:
@@ -287,13 +358,13 @@ int Clean(const CleanOptions& options) {
             return kExitOk;
         case CleanResult::kAbsent:
             std::fprintf(stderr,
-                         "kelipc clean: no channel \"%s\": no segment and no semaphore set of it exists\n",
-                         channel.Name().c_str());
+                         "kelipc clean: no channel %s: no segment and no semaphore set of it exists\n",
+                         SafeText::ShellQuote(channel.Name()).c_str());
             return kExitFailure;
         case CleanResult::kInUse:
             std::fprintf(stderr,
-                         "kelipc clean: channel \"%s\" is still mapped by %s; --force removes it anyway\n",
-                         channel.Name().c_str(), users.c_str());
+                         "kelipc clean: channel %s is still mapped by %s; --force removes it anyway\n",
+                         SafeText::ShellQuote(channel.Name()).c_str(), users.c_str());
             return kExitFailure;
         case CleanResult::kRecent:
         case CleanResult::kFailed:
@@ -322,9 +393,12 @@ CommandRun SetupClean(CLI::App& command) {
         "maps, found from its segments in /dev/shm, and every semaphore set of the current user left "
         "without\n"
         "segments by a server of this library that is gone (a set made by an older or foreign server is\n"
-        "left alone). --all keeps objects changed in the last 2 seconds: an end may still be opening them.");
+        "left alone). --all keeps objects changed in the last 2 seconds: an end may still be opening them.\n"
+        "Other names share a semaphore key, so a set is removed only when a server of this library made it\n"
+        "for exactly this name, and only the current user's (root: anyone's). Put '--' before a NAME that\n"
+        "begins with '-', as in the lines 'kelipc list' suggests.");
     CLI::Option* name =
-        command.add_option("NAME", options->name, "the socket name")->check(Arguments::ChannelName());
+        command.add_option("NAME", options->name, "the socket name")->check(Arguments::ExistingChannelName());
     CLI::Option* force =
         command.add_flag("--force", options->force, "remove even while processes map the channel");
     CLI::Option* all = command.add_flag("--all", options->all, "every unused channel of the current user");

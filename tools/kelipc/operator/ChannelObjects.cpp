@@ -5,13 +5,13 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/ipc.h>
-#include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -64,9 +64,23 @@ const char* MappedPath(const char* line) {
     return line + end;
 }
 
-int32_t LoadWord(const void* head, size_t offset) {
-    return __atomic_load_n(reinterpret_cast<const int32_t*>(static_cast<const char*>(head) + offset),
-                           __ATOMIC_ACQUIRE);
+// The header words the tool shows end before this offset.
+constexpr size_t kHeaderRead = 1024;
+
+template <typename T>
+T Word(const char* head, size_t offset) {
+    T value;
+    std::memcpy(&value, head + offset, sizeof value);
+    return value;
+}
+
+// The name check a server of the library writes into its set: FNV-1a of the set's name in 15-bit pieces.
+std::array<int, 4> NameCheckOf(const std::string& name) {
+    uint64_t hash = 14695981039346656037ull;
+    for (const char c : name) hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ull;
+    std::array<int, 4> check;
+    for (size_t i = 0; i < check.size(); ++i) check[i] = static_cast<int>((hash >> (15 * i)) & 0x7FFF);
+    return check;
 }
 
 // Whether another open file description holds the lock byte; an end's death drops its lock.
@@ -112,12 +126,12 @@ bool ChannelObjects::Ring::PositionsValid() const {
     return Initialised() && writePos >= 0 && writePos < dataLen && readPos >= 0 && readPos < dataLen;
 }
 
-int32_t ChannelObjects::Ring::Waiting() const {
+int64_t ChannelObjects::Ring::Waiting() const {
     if (!PositionsValid()) return 0;
-    return (writePos + dataLen - readPos) % dataLen;
+    return (int64_t{writePos} + dataLen - readPos) % dataLen;
 }
 
-int32_t ChannelObjects::Ring::Free() const {
+int64_t ChannelObjects::Ring::Free() const {
     if (!PositionsValid()) return 0;
     // One byte always stays free so that full and empty differ.
     return dataLen - 1 - Waiting();
@@ -184,6 +198,7 @@ ChannelObjects::Segment ChannelObjects::StatPath(const std::string& path) {
         return segment;
     }
     segment.present = true;
+    segment.regular = S_ISREG(st.st_mode);
     segment.size = static_cast<int64_t>(st.st_size);
     segment.mode = st.st_mode & 07777;
     segment.uid = st.st_uid;
@@ -191,49 +206,75 @@ ChannelObjects::Segment ChannelObjects::StatPath(const std::string& path) {
     return segment;
 }
 
-ChannelObjects::Ring ChannelObjects::ReadRing(Direction direction) const {
-    Ring ring;
-    const int fd = shm_open(ShmName(direction).c_str(), O_RDONLY | O_CLOEXEC, 0);
-    if (fd < 0) {
-        ring.error = errno;
-        return ring;
-    }
+int ChannelObjects::OpenSegment(Direction direction, int flags, int64_t& size) const {
+    const int fd = open(ShmPath(direction).c_str(), flags | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) return -1;
     struct stat st;
-    void* address = MAP_FAILED;
     if (fstat(fd, &st) != 0) {
-        ring.error = errno;
-    } else if (st.st_size >= static_cast<off_t>(sizeof(KelCBHead))) {
-        address = mmap(nullptr, sizeof(KelCBHead), PROT_READ, MAP_SHARED, fd, 0);
-        if (address == MAP_FAILED) ring.error = errno;
-    }
-    // A segment shorter than the header stays unread: the words past its end would fault.
-    if (address == MAP_FAILED) {
+        const int error = errno;
         close(fd);
+        errno = error;
+        return -1;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        close(fd);
+        return kNotRegular;
+    }
+    size = static_cast<int64_t>(st.st_size);
+    return fd;
+}
+
+ChannelObjects::Ring ChannelObjects::ReadRing(Direction direction) const {
+    int64_t size = 0;
+    const int fd = OpenSegment(direction, O_RDONLY, size);
+    if (fd < 0) {
+        Ring ring;
+        ring.regular = fd != kNotRegular;
+        if (fd == -1) ring.error = errno;
         return ring;
     }
+    Ring ring = ReadRing(fd, size);
+    close(fd);
+    return ring;
+}
+
+ChannelObjects::Ring ChannelObjects::ReadRing(int fd, int64_t size) {
+    Ring ring;
+    // A segment shorter than a ring header holds no ring; one cut shorter since fstat reads short.
+    if (size < static_cast<int64_t>(sizeof(KelCBHead))) return ring;
+    alignas(8) char head[kHeaderRead];
+    ssize_t got;
+    do {
+        got = pread(fd, head, sizeof head, 0);
+    } while (got == -1 && errno == EINTR);
+    if (got != static_cast<ssize_t>(sizeof head)) {
+        if (got == -1) ring.error = errno;
+        return ring;
+    }
+    ring.writePos = Word<int32_t>(head, offsetof(KelCBHead, writePos));
+    ring.readPos = Word<int32_t>(head, offsetof(KelCBHead, readPos));
+    ring.dataLen = Word<int32_t>(head, offsetof(KelCBHead, dataLen));
+    ring.running = Word<int32_t>(head, offsetof(KelCBHead, running));
+    ring.transTotal = Word<uint64_t>(head, offsetof(KelCBHead, transTotal));
+    ring.transLast = Word<uint64_t>(head, offsetof(KelCBHead, transLast));
     for (const Side side : kSides) {
         End& end = ring.ends[side];
-        end.pid = static_cast<pid_t>(LoadWord(address, kPidOffset[side]));
-        if (LoadWord(address, kHeldOffset[side]) != 0) end.liveness = LockLiveness(fd, kLockByte[side]);
+        end.pid = Word<pid_t>(head, kPidOffset[side]);
+        if (Word<int32_t>(head, kHeldOffset[side]) != 0) end.liveness = LockLiveness(fd, kLockByte[side]);
     }
-    close(fd);
-    const KelCBHead* head = static_cast<const KelCBHead*>(address);
-    // Acquire, as the peer ends load them: a position is published after the bytes it covers.
-    ring.writePos = __atomic_load_n(&head->writePos, __ATOMIC_ACQUIRE);
-    ring.readPos = __atomic_load_n(&head->readPos, __ATOMIC_ACQUIRE);
-    ring.dataLen = __atomic_load_n(&head->dataLen, __ATOMIC_ACQUIRE);
-    ring.running = __atomic_load_n(&head->running, __ATOMIC_ACQUIRE);
-    ring.transTotal = __atomic_load_n(&head->transTotal, __ATOMIC_RELAXED);
-    ring.transLast = __atomic_load_n(&head->transLast, __ATOMIC_RELAXED);
     ring.readable = true;
-    munmap(address, sizeof(KelCBHead));
     return ring;
 }
 
 ChannelObjects::Semaphore ChannelObjects::StatSemaphore(Direction direction) const {
     // No size and no permission bits: finds the set without asking for any access to it.
     const int id = semget(SemKey(direction), 0, 0);
-    if (id != -1) return StatSet(id);
+    if (id != -1) {
+        Semaphore semaphore = StatSet(id);
+        semaphore.named = semaphore.count == KelSystemSemaphore::kServerSetSize &&
+                          semaphore.nameCheck == NameCheckOf(SemName(direction));
+        return semaphore;
+    }
     Semaphore semaphore;
     if (errno != ENOENT) {
         semaphore.present = true;
@@ -279,6 +320,17 @@ ChannelObjects::Semaphore ChannelObjects::StatSet(int id) {
         }
         semaphore.marked = marker == KelSystemSemaphore::kMarkerValue;
         semaphore.servers = servers;
+    }
+    if (semaphore.count == KelSystemSemaphore::kServerSetSize) {
+        static_assert(KelSystemSemaphore::kNameCheckCount == 4, "the name check has four pieces");
+        for (int i = 0; i < KelSystemSemaphore::kNameCheckCount; ++i) {
+            const int piece = semctl(id, KelSystemSemaphore::kNameCheck + i, GETVAL);
+            if (piece == -1) {
+                semaphore.error = errno;
+                return semaphore;
+            }
+            semaphore.nameCheck[static_cast<size_t>(i)] = piece;
+        }
     }
     return semaphore;
 }

@@ -11,7 +11,9 @@
 
 // The operating-system objects of one Process channel, named as the library names them, and read-only
 // views of their state for the operator commands. Nothing here writes to a segment or a semaphore set,
-// so looking at a live channel never disturbs it.
+// so looking at a live channel never disturbs it. Any user can plant an object under a name, so nothing
+// here trusts one: no open waits (a FIFO), nothing is mapped (a segment truncated under a mapping
+// faults), and header values are only read, never used as sizes.
 class ChannelObjects {
 public:
     enum Direction { kL = 0, kR = 1 };
@@ -30,16 +32,18 @@ public:
     struct Segment {
         bool present = false;  // the name exists in /dev/shm
         int error = 0;         // errno of a failed open or fstat of a present segment
+        bool regular = true;   // false: a FIFO, directory or other object sits under the name
         int64_t size = 0;
         mode_t mode = 0;  // permission bits only
         uid_t uid = 0;
         time_t changed = 0;  // status change time: creation or the last resize
     };
 
-    // Header words as loaded one by one; the peer may move a position between two loads.
+    // Header words as read at one moment; a peer may have been moving a position while they were read.
     struct Ring {
         bool readable = false;  // the segment holds a whole ring header
-        int error = 0;          // errno of a failed open or mapping
+        bool regular = true;    // false: the name held no regular file when it was opened
+        int error = 0;          // errno of a failed open or read
         int32_t writePos = 0;
         int32_t readPos = 0;
         int32_t dataLen = 0;
@@ -50,8 +54,9 @@ public:
 
         bool Initialised() const { return readable && dataLen > 0; }
         bool PositionsValid() const;
-        int32_t Waiting() const;  // bytes stored, from the positions; 0 when the positions are invalid
-        int32_t Free() const;     // bytes that fit, from the positions
+        // In 64 bits: a hostile dataLen near INT32_MAX overflows the sum of the positions.
+        int64_t Waiting() const;  // bytes stored, from the positions; 0 when the positions are invalid
+        int64_t Free() const;     // bytes that fit, from the positions
     };
 
     struct Semaphore {
@@ -65,6 +70,8 @@ public:
         int count = 0;        // semaphores in the set
         bool marked = false;  // a server of this library made it and counts its live servers in it
         int servers = 0;      // live servers, when marked
+        bool named = false;   // of this layout and carrying the check of the name it was looked up by
+        std::array<int, 4> nameCheck{};  // the check it carries, when of this layout
         mode_t mode = 0;
         uid_t uid = 0;
         time_t changed = 0;  // last semctl change, as an open's reset of the signal is
@@ -102,8 +109,16 @@ public:
 
     Segment StatSegment(Direction direction) const;
     Segment StatPoll(Side side) const;  // its presence, mode and owner, as for a segment
-    // Maps the header read-only, loads its words atomically and unmaps it.
+    // Opens the segment without waiting and reads its header, if it is a regular file that holds one.
     Ring ReadRing(Direction direction) const;
+    // The same from a descriptor already open on the segment (a regular file, as fstat showed).
+    static Ring ReadRing(int fd, int64_t size);
+    // Opens the segment with the flags (O_RDONLY or O_RDWR) without waiting for a FIFO's writer and without
+    // following a link: the descriptor with the size, -1 with errno, or kNotRegular (closed again) when
+    // the name holds no regular file.
+    static constexpr int kNotRegular = -2;
+    int OpenSegment(Direction direction, int flags, int64_t& size) const;
+    // Finds the set at the direction's key; named tells whether it was made for this name.
     Semaphore StatSemaphore(Direction direction) const;
     // The set of that id, whatever its key.
     static Semaphore StatSet(int id);

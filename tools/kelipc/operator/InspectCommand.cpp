@@ -16,6 +16,7 @@
 
 #include "common/Arguments.h"
 #include "common/Commands.h"
+#include "common/SafeText.h"
 #include "common/StopSignal.h"
 #include "operator/ChannelObjects.h"
 
@@ -48,8 +49,9 @@ Json EndJson(const ChannelObjects::End& end) {
 
 std::string Warning(const ChannelObjects& channel, const std::array<ChannelObjects::State, 2>& states) {
     if (!ChannelObjects::RunsUnmapped(states)) return "";
-    return "the channel runs but no process maps it: its ends died without closing; 'kelipc clean " +
-           channel.Name() + "' removes it";
+    return "the channel runs but no process maps it: its ends died without closing; remove it with: "
+           "kelipc clean -- " +
+           SafeText::ShellQuote(channel.Name());
 }
 
 Json RingJson(const ChannelObjects::Ring& ring) {
@@ -71,32 +73,38 @@ Json RingJson(const ChannelObjects::Ring& ring) {
 Json InspectJson(const ChannelObjects& channel, const std::array<ChannelObjects::State, 2>& states) {
     const std::array<ChannelObjects::End, 2> ends = ChannelObjects::Ends(states);
     const std::string warning = Warning(channel, states);
-    Json json = {{"name", channel.Name()},
-                 {"present", AnyPresent(states)},
-                 {"server", EndJson(ends[ChannelObjects::kServer])},
-                 {"client", EndJson(ends[ChannelObjects::kClient])},
-                 {"warnings", warning.empty() ? Json::array() : Json::array({warning})}};
+    Json json;
+    SafeText::PutName(json, "name", channel.Name());
+    json.update(Json{{"present", AnyPresent(states)},
+                     {"server", EndJson(ends[ChannelObjects::kServer])},
+                     {"client", EndJson(ends[ChannelObjects::kClient])},
+                     {"warnings", warning.empty() ? Json::array() : Json::array({warning})}});
     for (const ChannelObjects::Side side : ChannelObjects::kSides) {
         const ChannelObjects::Segment fifo = channel.StatPoll(side);
-        Json poll = {{"path", channel.PollPath(side)}, {"present", fifo.present}};
-        if (fifo.present && fifo.error == 0) poll.update({{"mode", Octal(fifo.mode)}, {"uid", fifo.uid}});
+        Json poll = {{"present", fifo.present}};
+        SafeText::PutName(poll, "path", channel.PollPath(side));
+        if (fifo.present && fifo.error == 0) poll.update(Json{{"mode", Octal(fifo.mode)}, {"uid", fifo.uid}});
         json["pollFifos"][side == ChannelObjects::kServer ? "server" : "client"] = poll;
     }
     for (const Direction direction : ChannelObjects::kDirections) {
         const ChannelObjects::State& state = states[direction];
         const ChannelObjects::Segment& segment = state.segment;
         const ChannelObjects::Semaphore& semaphore = state.semaphore;
-        Json shm = {{"name", channel.ShmName(direction)}, {"present", segment.present}};
+        Json shm;
+        SafeText::PutName(shm, "name", channel.ShmName(direction));
+        shm["present"] = segment.present;
         if (segment.error != 0) shm["error"] = std::strerror(segment.error);
         if (segment.present && segment.error == 0) {
+            shm["regular"] = segment.regular;
             shm["size"] = segment.size;
             shm["mode"] = Octal(segment.mode);
             shm["uid"] = segment.uid;
             shm["owner"] = OwnerName(segment.uid);
         }
-        Json sem = {{"name", channel.SemName(direction)},
-                    {"key", channel.SemKey(direction)},
-                    {"present", semaphore.present}};
+        Json sem;
+        SafeText::PutName(sem, "name", channel.SemName(direction));
+        sem["key"] = channel.SemKey(direction);
+        sem["present"] = semaphore.present;
         if (semaphore.error != 0) sem["error"] = std::strerror(semaphore.error);
         if (semaphore.present) sem["id"] = semaphore.id;
         if (semaphore.present && semaphore.error == 0) {
@@ -105,6 +113,7 @@ Json InspectJson(const ChannelObjects& channel, const std::array<ChannelObjects:
             sem["count"] = semaphore.count;
             sem["marked"] = semaphore.marked;
             if (semaphore.marked) sem["servers"] = semaphore.servers;
+            if (semaphore.marked) sem["named"] = semaphore.named;
             sem["mode"] = Octal(semaphore.mode);
             sem["uid"] = semaphore.uid;
             sem["owner"] = OwnerName(semaphore.uid);
@@ -126,6 +135,7 @@ Json InspectJson(const ChannelObjects& channel, const std::array<ChannelObjects:
 std::string RingText(const ChannelObjects::State& state) {
     const ChannelObjects::Ring& ring = state.ring;
     if (!ring.readable) {
+        if (!state.segment.regular || !ring.regular) return "none: the name holds no regular file";
         if (ring.error != 0) return std::string("unreadable: ") + std::strerror(ring.error);
         return "none: the segment is smaller than a ring header";
     }
@@ -142,7 +152,8 @@ std::string RingText(const ChannelObjects::State& state) {
 }
 
 void PrintInspectText(const ChannelObjects& channel, const std::array<ChannelObjects::State, 2>& states) {
-    std::printf("channel \"%s\"%s\n", channel.Name().c_str(), AnyPresent(states) ? "" : ": absent");
+    std::printf("channel %s%s\n", SafeText::ShellQuote(channel.Name()).c_str(),
+                AnyPresent(states) ? "" : ": absent");
     const std::array<ChannelObjects::End, 2> ends = ChannelObjects::Ends(states);
     for (const ChannelObjects::Side side : ChannelObjects::kSides) {
         std::printf("  %s  %s", side == ChannelObjects::kServer ? "server" : "client",
@@ -150,9 +161,9 @@ void PrintInspectText(const ChannelObjects& channel, const std::array<ChannelObj
         if (ends[side].pid != 0) std::printf("  pid %d", static_cast<int>(ends[side].pid));
         const ChannelObjects::Segment fifo = channel.StatPoll(side);
         if (fifo.present && fifo.error == 0) {
-            std::printf("  descriptor FIFO %s  mode %s  owner %s (%u)", channel.PollPath(side).c_str(),
-                        Octal(fifo.mode).c_str(), OwnerName(fifo.uid).c_str(),
-                        static_cast<unsigned>(fifo.uid));
+            std::printf("  descriptor FIFO %s  mode %s  owner %s (%u)",
+                        SafeText::ShellQuote(channel.PollPath(side)).c_str(), Octal(fifo.mode).c_str(),
+                        SafeText::Printable(OwnerName(fifo.uid)).c_str(), static_cast<unsigned>(fifo.uid));
         }
         std::printf("\n");
     }
@@ -162,14 +173,14 @@ void PrintInspectText(const ChannelObjects& channel, const std::array<ChannelObj
         const ChannelObjects::State& state = states[direction];
         std::printf("  %s  %s\n", ChannelObjects::Tag(direction), ChannelObjects::Flow(direction));
         const ChannelObjects::Segment& segment = state.segment;
-        std::printf("    segment    %s  ", channel.ShmPath(direction).c_str());
+        std::printf("    segment    %s  ", SafeText::ShellQuote(channel.ShmPath(direction)).c_str());
         if (!segment.present) {
             std::printf("absent\n");
         } else if (segment.error != 0) {
             std::printf("%s\n", std::strerror(segment.error));
         } else {
             std::printf("%lld bytes  mode %s  owner %s (%u)\n", static_cast<long long>(segment.size),
-                        Octal(segment.mode).c_str(), OwnerName(segment.uid).c_str(),
+                        Octal(segment.mode).c_str(), SafeText::Printable(OwnerName(segment.uid)).c_str(),
                         static_cast<unsigned>(segment.uid));
         }
         if (segment.present) {
@@ -181,22 +192,26 @@ void PrintInspectText(const ChannelObjects& channel, const std::array<ChannelObj
             }
         }
         const ChannelObjects::Semaphore& semaphore = state.semaphore;
-        std::printf("    semaphore  %s  key 0x%08x  ", channel.SemName(direction).c_str(),
+        std::printf("    semaphore  %s  key 0x%08x  ",
+                    SafeText::ShellQuote(channel.SemName(direction)).c_str(),
                     static_cast<unsigned>(channel.SemKey(direction)));
         if (!semaphore.present) {
             std::printf("absent\n");
         } else if (semaphore.error != 0) {
             std::printf("id %d  %s\n", semaphore.id, std::strerror(semaphore.error));
         } else {
-            std::printf("id %d  value %d  waiters %d  mode %s  owner %s (%u)\n", semaphore.id,
+            std::printf("id %d  value %d  waiters %d  mode %s  owner %s (%u)%s\n", semaphore.id,
                         semaphore.value, semaphore.waiters, Octal(semaphore.mode).c_str(),
-                        OwnerName(semaphore.uid).c_str(), static_cast<unsigned>(semaphore.uid));
+                        SafeText::Printable(OwnerName(semaphore.uid)).c_str(),
+                        static_cast<unsigned>(semaphore.uid),
+                        semaphore.marked && !semaphore.named ? "  made for another name of this key" : "");
         }
         std::printf("    mapped by  ");
         if (state.mappers.empty()) std::printf("no process");
         for (size_t i = 0; i < state.mappers.size(); ++i) {
             std::printf("%s%d (%s, %s)", i ? ", " : "", static_cast<int>(state.mappers[i].pid),
-                        state.mappers[i].command.c_str(), ChannelObjects::RoleOf(state.mappers[i].pid, ends));
+                        SafeText::Printable(state.mappers[i].command).c_str(),
+                        ChannelObjects::RoleOf(state.mappers[i].pid, ends));
         }
         std::printf("\n");
     }
@@ -225,15 +240,15 @@ int Inspect(const InspectOptions& options) {
         if (!first && StopSignal::Requested()) break;
         const std::array<ChannelObjects::State, 2> states = channel.Snapshot();
         if (first && !AnyPresent(states)) {
-            std::fprintf(
-                stderr,
-                "kelipc inspect: no channel \"%s\": neither %s nor %s exists, nor its semaphore sets\n",
-                channel.Name().c_str(), channel.ShmPath(ChannelObjects::kL).c_str(),
-                channel.ShmPath(ChannelObjects::kR).c_str());
+            std::fprintf(stderr,
+                         "kelipc inspect: no channel %s: neither %s nor %s exists, nor its semaphore sets\n",
+                         SafeText::ShellQuote(channel.Name()).c_str(),
+                         SafeText::ShellQuote(channel.ShmPath(ChannelObjects::kL)).c_str(),
+                         SafeText::ShellQuote(channel.ShmPath(ChannelObjects::kR)).c_str());
             return kExitFailure;
         }
         if (options.json) {
-            std::printf("%s\n", InspectJson(channel, states).dump().c_str());
+            std::printf("%s\n", SafeText::JsonLine(InspectJson(channel, states)).c_str());
         } else {
             if (options.interval > 0) {
                 const time_t now = std::time(nullptr);
@@ -262,8 +277,10 @@ CommandRun SetupInspect(CLI::App& command) {
         "alive, dead or unknown (it takes no part in liveness or closed) with its pid, and the processes\n"
         "that map each segment, named server or client by those pids. Warns about a channel that runs\n"
         "while no process maps it. Processes of other users are seen only with the privilege to read\n"
-        "their memory maps.");
-    command.add_option("NAME", options->name, "the socket name")->required()->check(Arguments::ChannelName());
+        "their memory maps. Names are quoted and escaped, in text and JSON, as 'kelipc list' does.");
+    command.add_option("NAME", options->name, "the socket name")
+        ->required()
+        ->check(Arguments::ExistingChannelName());
     command.add_flag("--json", options->json, "one JSON object (one per line with --watch)");
     CLI::Option* watch =
         command.add_option("--watch", options->interval, "refresh every SECONDS (default 1) until Ctrl-C")

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/Commands.h"
+#include "common/SafeText.h"
 #include "operator/ChannelObjects.h"
 
 namespace {
@@ -27,19 +28,6 @@ struct Summary {
     std::vector<std::string> polls;               // the sides whose descriptor FIFO exists
     std::string clean;                            // the command that removes it, when stale
 };
-
-// Quoted for a shell when it holds anything but the plainest characters.
-std::string ShellWord(const std::string& word) {
-    bool plain = true;
-    for (const char c : word) {
-        plain = plain && ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                          c == '_' || c == '-' || c == '.');
-    }
-    if (plain) return word;
-    std::string quoted = "'";
-    for (const char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return quoted + "'";
-}
 
 std::vector<Summary> Survey() {
     std::vector<Summary> summaries;
@@ -84,8 +72,9 @@ std::vector<Summary> Survey() {
         if (summary.mappers.empty() && summary.mappersKnown) summary.reasons.push_back("no process maps it");
         if (!summary.reasons.empty()) {
             // A live end that still maps it keeps its mapping; only --force removes the names under it.
+            // Quoted so that it pastes back as this name, after '--' so that no name reads as an option.
             summary.clean = std::string("kelipc clean ") + (summary.mappers.empty() ? "" : "--force ") +
-                            ShellWord(summary.name);
+                            "-- " + SafeText::ShellQuote(summary.name);
         }
     }
     return summaries;
@@ -102,14 +91,15 @@ Json SummaryJson(const Summary& summary) {
                            {"command", mapper.command},
                            {"role", ChannelObjects::RoleOf(mapper.pid, summary.ends)}});
     }
-    Json json = {{"name", summary.name},
-                 {"segments", Json::array()},
-                 {"server", EndJson(summary.ends[ChannelObjects::kServer])},
-                 {"client", EndJson(summary.ends[ChannelObjects::kClient])},
-                 {"mappers", mappers},
-                 {"descriptors", summary.polls},
-                 {"stale", !summary.reasons.empty()},
-                 {"reasons", summary.reasons}};
+    Json json;
+    SafeText::PutName(json, "name", summary.name);
+    json.update(Json{{"segments", Json::array()},
+                     {"server", EndJson(summary.ends[ChannelObjects::kServer])},
+                     {"client", EndJson(summary.ends[ChannelObjects::kClient])},
+                     {"mappers", mappers},
+                     {"descriptors", summary.polls},
+                     {"stale", !summary.reasons.empty()},
+                     {"reasons", summary.reasons}});
     for (const ChannelObjects::Direction direction : ChannelObjects::kDirections) {
         if (summary.states[direction].segment.present)
             json["segments"].push_back(ChannelObjects::Tag(direction));
@@ -125,13 +115,14 @@ std::string EndText(const char* side, const ChannelObjects::End& end) {
 }
 
 void PrintSummary(const Summary& summary) {
-    std::printf("%s  %s  %s  mapped by ", summary.name.c_str(),
+    std::printf("%s  %s  %s  mapped by ", SafeText::ShellQuote(summary.name).c_str(),
                 EndText("server", summary.ends[ChannelObjects::kServer]).c_str(),
                 EndText("client", summary.ends[ChannelObjects::kClient]).c_str());
     if (summary.mappers.empty()) std::printf(summary.mappersKnown ? "no process" : "no process seen");
     for (size_t i = 0; i < summary.mappers.size(); ++i) {
         const ChannelObjects::Mapper& mapper = summary.mappers[i];
-        std::printf("%s%d (%s, %s)", i ? ", " : "", static_cast<int>(mapper.pid), mapper.command.c_str(),
+        std::printf("%s%d (%s, %s)", i ? ", " : "", static_cast<int>(mapper.pid),
+                    SafeText::Printable(mapper.command).c_str(),
                     ChannelObjects::RoleOf(mapper.pid, summary.ends));
     }
     std::string polls;
@@ -152,14 +143,17 @@ CommandRun SetupList(CLI::App& command) {
         "server and its client are alive, dead or unknown, with their pids, and the processes that map\n"
         "it. A channel with a dead end, or that no process maps, is marked stale with the 'kelipc clean'\n"
         "command that removes it. Processes of other users are seen only with the privilege to read\n"
-        "their memory maps.");
+        "their memory maps. Names are shown in bash quoting: 'name', or $'...' with \\xHH escapes for\n"
+        "control characters and bytes that are not UTF-8, so that they paste back unchanged. In JSON a\n"
+        "name that is not UTF-8 has those bytes as U+FFFD in \"name\" and all its bytes in hex in\n"
+        "\"nameHex\".");
     command.add_flag("--json", *json, "one JSON object holding the array \"channels\"");
     return [json] {
         const std::vector<Summary> summaries = Survey();
         if (*json) {
             Json channels = Json::array();
             for (const Summary& summary : summaries) channels.push_back(SummaryJson(summary));
-            std::printf("%s\n", Json{{"channels", channels}}.dump().c_str());
+            std::printf("%s\n", SafeText::JsonLine(Json{{"channels", channels}}).c_str());
         } else {
             if (summaries.empty()) std::printf("no channels\n");
             for (const Summary& summary : summaries) PrintSummary(summary);

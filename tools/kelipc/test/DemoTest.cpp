@@ -11,8 +11,7 @@
 
 TEST(KelipcDemo, VerifiesBothTransportsAndLeavesNothingBehind) {
     const std::string name = kt::UniqueName("demo");
-    std::string out;
-    std::string err;
+    std::string out, err;
     ASSERT_EQ(0, RunTool({"demo", "--size", "4M", "--name", name}, "", &out, &err)) << out << err;
     EXPECT_NE(std::string::npos, out.find("process")) << out;
     EXPECT_NE(std::string::npos, out.find("local")) << out;

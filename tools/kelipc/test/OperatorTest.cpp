@@ -8,9 +8,17 @@
 #include <unistd.h>
 #include <nlohmann/json.hpp>
 
+#include <sys/prctl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <climits>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
+#include <memory>
+#include <sstream>
 #include <string>
 
 #include "TestSupport.h"
@@ -22,8 +30,7 @@ constexpr int kBlock = 262144;
 constexpr int kDataLen = kBlock - 9024;
 
 nlohmann::json InspectJson(const std::string& name) {
-    std::string out;
-    std::string err;
+    std::string out, err;
     EXPECT_EQ(0, RunTool({"inspect", name, "--json"}, "", &out, &err)) << err;
     return nlohmann::json::parse(out.substr(0, out.find('\n')), nullptr, false);
 }
@@ -34,8 +41,7 @@ int SemWaiters(const std::string& semName) {
 }
 
 nlohmann::json ListedChannel(const std::string& name) {
-    std::string out;
-    std::string err;
+    std::string out, err;
     EXPECT_EQ(0, RunTool({"list", "--json"}, "", &out, &err)) << err;
     const nlohmann::json json = nlohmann::json::parse(out, nullptr, false);
     if (json.is_object()) {
@@ -58,12 +64,57 @@ bool CatchesSigint(pid_t pid) {
     return false;
 }
 
+// Writes a file into /dev/shm under the name, as any user can.
+void Plant(const std::string& shmName, const std::string& bytes) {
+    std::ofstream("/dev/shm/" + shmName, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+// A segment of size bytes whose header holds the given words at offsets 0, 4, 8 and 12.
+std::string Segment(size_t size, int32_t writePos, int32_t readPos, int32_t dataLen, int32_t running) {
+    std::string bytes(size, '\0');
+    const int32_t words[] = {writePos, readPos, dataLen, running};
+    std::memcpy(&bytes[0], words, sizeof words);
+    return bytes;
+}
+
+// A server of name in a child process, open once this returns (nullptr when it did not open in time),
+// that sleeps under the process name given until it is killed.
+std::unique_ptr<kt::Child> ServerInChild(const std::string& name, const char* processName = nullptr) {
+    auto server = std::make_unique<kt::Child>([&] {
+        KelIpcSocket socket;
+        if (socket.Open(Process, Server, name.c_str(), nullptr) != IPC_OK) return 1;
+        if (processName != nullptr) prctl(PR_SET_NAME, processName, 0, 0, 0);
+        kt::TellReady();
+        sleep(30);  // until killed; the parent's bounded waits fail first
+        return 3;
+    });
+    return server->WaitReady(10000) ? std::move(server) : nullptr;
+}
+
+// Ends that die without closing, in a child: all four objects stay behind, the rings still running.
+void LeaveBehind(const std::string& name, bool withClient) {
+    ASSERT_EQ(0, kt::RunInChild([&] {
+                  auto* server = new KelIpcSocket;  // never closed
+                  auto* client = new KelIpcSocket;
+                  if (server->Open(Process, Server, name.c_str(), nullptr) != IPC_OK) return 1;
+                  return !withClient || client->Open(Process, Client, name.c_str(), nullptr) == IPC_OK ? 0
+                                                                                                       : 2;
+              }));
+}
+
+int RunBash(const std::string& script, std::string* out) {
+    ToolProcess bash({"-c", script}, "/bin/bash");
+    bash.CloseInput();
+    const int code = bash.Finish(20000);
+    *out = bash.Out();
+    return code;
+}
+
 }  // namespace
 
 TEST(KelipcOperator, InspectJsonShowsTheRingsAsTheEndsLeftThem) {
     const std::string name = kt::UniqueName("opinspect");
-    KelIpcSocket server;
-    KelIpcSocket client;
+    KelIpcSocket server, client;
     ASSERT_EQ(IPC_OK, server.Open(Process, Server, name.c_str(), nullptr));
     ASSERT_EQ(IPC_OK, client.Open(Process, Client, name.c_str(), nullptr));
     const std::vector<char> payload = kt::Pattern(1000);
@@ -114,42 +165,31 @@ TEST(KelipcOperator, InspectJsonShowsTheRingsAsTheEndsLeftThem) {
     for (const char* direction : {"L", "R"}) {
         const nlohmann::json& ring = json[direction]["ring"];
         EXPECT_EQ(false, ring["running"]) << direction;
-        EXPECT_EQ(0, ring["writePos"]) << direction;
-        EXPECT_EQ(0, ring["readPos"]) << direction;
-        EXPECT_EQ(kDataLen - 1, ring["free"]) << direction;
+        EXPECT_EQ(0, ring["writePos"].get<int>() + ring["readPos"].get<int>()) << direction;
     }
-    client.Close();
-    server.Close();
 }
 
 TEST(KelipcOperator, StopReleasesAReaderBlockedInAnotherProcessAndStartResumesIt) {
     const std::string name = kt::UniqueName("opstop");
     KelIpcSocket server;
     ASSERT_EQ(IPC_OK, server.Open(Process, Server, name.c_str(), nullptr));
-    int report[2];
-    ASSERT_EQ(0, pipe(report));
     kt::Child child([&] {
         KelIpcSocket client;
         if (client.Open(Process, Client, name.c_str(), nullptr) != IPC_OK) return 10;
         char buffer[100];
-        const int first = client.Read(buffer, sizeof buffer);  // nothing comes until the stop
-        if (write(report[1], &first, sizeof first) != sizeof first) return 11;
+        // Nothing comes until the stop.
+        if (client.Read(buffer, sizeof buffer) != IPC_ERR_NOT_OPENED) return 11;
+        kt::TellReady();
         if (!kt::WaitUntil([&] { return client.Running(); }, 10000)) return 12;
         if (client.Read(buffer, sizeof buffer) != sizeof buffer) return 13;
         return kt::FirstWrong(buffer, sizeof buffer, 0) == -1 ? 0 : 14;
     });
-    close(report[1]);
     // Asleep on the R set: the stop has to wake it, not just clear the flag.
     ASSERT_TRUE(kt::WaitUntil([&] { return SemWaiters(name + "_XR_ssm") > 0; }, 10000));
 
     std::string err;
     ASSERT_EQ(0, RunTool({"stop", name}, "", nullptr, &err)) << err;
-    pollfd entry{report[0], POLLIN, 0};
-    int first = 0;
-    ASSERT_EQ(1, poll(&entry, 1, 10000)) << "the blocked reader was not released";
-    ASSERT_EQ(static_cast<ssize_t>(sizeof first), read(report[0], &first, sizeof first));
-    close(report[0]);
-    EXPECT_EQ(IPC_ERR_NOT_OPENED, first);
+    ASSERT_TRUE(child.WaitReady(10000)) << "the blocked reader was not released: " << child.Wait(10000);
     EXPECT_FALSE(server.Running());
 
     ASSERT_EQ(0, RunTool({"start", name}, "", nullptr, &err)) << err;
@@ -157,7 +197,6 @@ TEST(KelipcOperator, StopReleasesAReaderBlockedInAnotherProcessAndStartResumesIt
     const std::vector<char> payload = kt::Pattern(100);
     ASSERT_EQ(100, server.Write(payload.data(), 100));
     EXPECT_EQ(0, child.Wait(10000));
-    server.Close();
 }
 
 // An end waiting on its descriptor (PollFd) sees an outside stop at once; its FIFO is shown and removed.
@@ -191,41 +230,29 @@ TEST(KelipcOperator, StopRingsDescriptorsWhoseFifosInspectListAndCleanShowAndRem
 TEST(KelipcOperator, CleanRemovesOnlyTheNamedChannelAndRefusesWhileMappedUnlessForced) {
     const std::string orphan = kt::UniqueName("oporphan");
     const std::string held = kt::UniqueName("opheld");
-    // A server that dies without closing leaves all four objects behind and nobody mapping them.
-    ASSERT_EQ(0, kt::RunInChild([&] {
-                  auto* leaked = new KelIpcSocket;
-                  return leaked->Open(Process, Server, orphan.c_str(), nullptr) == IPC_OK ? 0 : 1;
-              }));
+    LeaveBehind(orphan, false);
     KelIpcSocket server;
     ASSERT_EQ(IPC_OK, server.Open(Process, Server, held.c_str(), nullptr));
     ASSERT_TRUE(kt::ChannelObjects(orphan) == 4);
 
-    std::string out;
-    std::string err;
+    std::string out, err;
     EXPECT_EQ(1, RunTool({"clean", held}, "", &out, &err));
     EXPECT_NE(std::string::npos, err.find("pid " + std::to_string(getpid()))) << err;
     EXPECT_TRUE(kt::ChannelObjects(held) == 4);
 
     EXPECT_EQ(0, RunTool({"clean", orphan}, "", &out, &err)) << err;
-    EXPECT_NE(std::string::npos, out.find("removed segment /dev/shm/" + orphan + "_XR_shm")) << out;
+    EXPECT_NE(std::string::npos, out.find("removed segment '/dev/shm/" + orphan + "_XR_shm'")) << out;
     EXPECT_TRUE(kt::ChannelObjects(orphan) == 0);
     EXPECT_TRUE(kt::ChannelObjects(held) == 4);
-    EXPECT_EQ(1, RunTool({"clean", orphan}, "", &out, &err));
+    for (const char* command : {"inspect", "stop", "start", "clean"}) {
+        EXPECT_EQ(1, RunTool({command, orphan}, "", nullptr, &err)) << command;
+        EXPECT_NE(std::string::npos, err.find("no channel '" + orphan + "'")) << err;
+    }
 
     EXPECT_EQ(0, RunTool({"clean", "--force", held}, "", &out, &err)) << err;
     EXPECT_TRUE(kt::ChannelObjects(held) == 0);
     kt::LogCapture quiet;  // the server's own removals now find nothing
     server.Close();
-}
-
-TEST(KelipcOperator, MissingChannelsFailNamingTheObjectsLookedFor) {
-    const std::string name = kt::UniqueName("opmissing");
-    for (const char* command : {"inspect", "stop", "start", "clean"}) {
-        std::string err;
-        EXPECT_EQ(1, RunTool({command, name}, "", nullptr, &err)) << command;
-        EXPECT_NE(std::string::npos, err.find("no channel \"" + name + "\"")) << err;
-    }
-    EXPECT_FALSE(kt::ShmExists(name + "_XL_shm"));
 }
 
 TEST(KelipcOperator, InspectWatchRefreshesUntilInterrupted) {
@@ -239,28 +266,14 @@ TEST(KelipcOperator, InspectWatchRefreshesUntilInterrupted) {
     EXPECT_EQ(0, tool.Finish(10000)) << tool.Err();
     const auto json = nlohmann::json::parse(tool.Out().substr(0, tool.Out().find('\n')), nullptr, false);
     EXPECT_EQ(true, json["L"]["ring"]["running"]) << tool.Out();
-    server.Close();
 }
 
 TEST(KelipcOperator, InspectAndListTellLiveDeadAndStaleEnds) {
     const std::string name = kt::UniqueName("oplive");
     const std::string abandoned = kt::UniqueName("opabandoned");
-    int ready[2];
-    ASSERT_EQ(0, pipe(ready));
-    kt::Child server([&] {
-        KelIpcSocket socket;
-        if (socket.Open(Process, Server, name.c_str(), nullptr) != IPC_OK) return 1;
-        const char byte = 1;
-        if (write(ready[1], &byte, 1) != 1) return 2;
-        sleep(30);  // until killed; the parent's bounded waits fail first
-        return 3;
-    });
-    close(ready[1]);
-    pollfd entry{ready[0], POLLIN, 0};
-    char byte = 0;
-    ASSERT_EQ(1, poll(&entry, 1, 10000));
-    ASSERT_EQ(1, read(ready[0], &byte, 1));
-    close(ready[0]);
+    const std::unique_ptr<kt::Child> serverChild = ServerInChild(name);
+    ASSERT_NE(nullptr, serverChild);
+    kt::Child& server = *serverChild;
     KelIpcSocket client;
     ASSERT_EQ(IPC_OK, client.Open(Process, Client, name.c_str(), nullptr));
 
@@ -285,18 +298,11 @@ TEST(KelipcOperator, InspectAndListTellLiveDeadAndStaleEnds) {
     EXPECT_EQ(true, listed["stale"]) << listed;
     EXPECT_EQ(nlohmann::json::array({"the server is dead"}), listed["reasons"]);
     // The live client still maps it.
-    EXPECT_EQ("kelipc clean --force " + name, listed["clean"]);
+    EXPECT_EQ("kelipc clean --force -- '" + name + "'", listed["clean"]);
     client.Close();
 
-    // Both ends dead without closing: the rings still run and nobody maps them.
-    ASSERT_EQ(0, kt::RunInChild([&] {
-                  auto* leakedServer = new KelIpcSocket;
-                  auto* leakedClient = new KelIpcSocket;
-                  if (leakedServer->Open(Process, Server, abandoned.c_str(), nullptr) != IPC_OK) return 1;
-                  return leakedClient->Open(Process, Client, abandoned.c_str(), nullptr) == IPC_OK ? 0 : 2;
-              }));
-    std::string out;
-    std::string err;
+    LeaveBehind(abandoned, true);  // the rings still run and nobody maps them
+    std::string out, err;
     EXPECT_EQ(0, RunTool({"inspect", abandoned}, "", &out, &err)) << err;
     EXPECT_NE(std::string::npos, out.find("warning: the channel runs but no process maps it")) << out;
     EXPECT_NE(std::string::npos, out.find("  client  dead  pid ")) << out;
@@ -304,9 +310,9 @@ TEST(KelipcOperator, InspectAndListTellLiveDeadAndStaleEnds) {
     EXPECT_EQ("dead", listed["server"]["liveness"]);
     EXPECT_EQ(nlohmann::json::array({"the server is dead", "the client is dead", "no process maps it"}),
               listed["reasons"]);
-    EXPECT_EQ("kelipc clean " + abandoned, listed["clean"]);
+    EXPECT_EQ("kelipc clean -- '" + abandoned + "'", listed["clean"]);
     EXPECT_EQ(0, RunTool({"list"}, "", &out, &err)) << err;
-    EXPECT_NE(std::string::npos, out.find("to remove it: kelipc clean " + abandoned + "\n")) << out;
+    EXPECT_NE(std::string::npos, out.find("to remove it: kelipc clean -- '" + abandoned + "'\n")) << out;
 }
 
 TEST(KelipcOperator, CleanAllRemovesOnlyMarkedSetsWhoseServerAndSegmentsAreGone) {
@@ -314,10 +320,7 @@ TEST(KelipcOperator, CleanAllRemovesOnlyMarkedSetsWhoseServerAndSegmentsAreGone)
     const std::string live = kt::UniqueName("oplivesets");
     const std::string foreign = kt::UniqueName("opforeignset");
     // A server killed after its segments' names were removed: its sets no name can find remain.
-    ASSERT_EQ(0, kt::RunInChild([&] {
-                  auto* leaked = new KelIpcSocket;
-                  return leaked->Open(Process, Server, orphan.c_str(), nullptr) == IPC_OK ? 0 : 1;
-              }));
+    LeaveBehind(orphan, false);
     kt::RemoveShm(orphan + "_XL_shm");
     kt::RemoveShm(orphan + "_XR_shm");
     KelIpcSocket server;
@@ -327,8 +330,7 @@ TEST(KelipcOperator, CleanAllRemovesOnlyMarkedSetsWhoseServerAndSegmentsAreGone)
     // Sets changed in the last 2 s are kept, as an end may be opening them.
     usleep(2200 * 1000);
 
-    std::string out;
-    std::string err;
+    std::string out, err;
     EXPECT_EQ(0, RunTool({"clean", "--all"}, "", &out, &err)) << err;
     for (const char* set : {"_XL_ssm", "_XR_ssm"}) {
         char key[16];
@@ -347,6 +349,125 @@ TEST(KelipcOperator, CleanAllRemovesOnlyMarkedSetsWhoseServerAndSegmentsAreGone)
     EXPECT_EQ(1, json["L"]["semaphore"]["count"]);
     EXPECT_EQ(false, json["L"]["semaphore"]["marked"]);
     EXPECT_EQ(true, json["R"]["semaphore"]["marked"]);
-    reuser.Close();
-    server.Close();
+}
+
+TEST(KelipcOperator, PlantedObjectsNeitherHangNorCrashTheOperatorCommands) {
+    const std::string fifo = kt::UniqueName("opfifo");
+    const std::string hostile = kt::UniqueName("ophostilesize");
+    // Opening a FIFO for reading waits for a writer that never comes.
+    ASSERT_EQ(0, mkfifo(("/dev/shm/" + fifo + "_XL_shm").c_str(), 0600));
+    // A data area far beyond the segment's 40000 bytes, positions whose sum overflows 32 bits.
+    Plant(hostile + "_XL_shm", Segment(40000, INT_MAX - 1, 0, INT_MAX, 1));
+    std::string out, err;
+    const nlohmann::json planted = InspectJson(fifo);
+    EXPECT_EQ(false, planted["L"]["segment"]["regular"]) << planted;
+    EXPECT_EQ(0, RunTool({"inspect", fifo}, "", &out, &err, 10000)) << err;
+    EXPECT_NE(std::string::npos, out.find("none: the name holds no regular file")) << out;
+    for (const char* command : {"stop", "start"}) {
+        EXPECT_EQ(1, RunTool({command, fifo}, "", &out, &err, 10000)) << command;
+        EXPECT_NE(std::string::npos, err.find("_XL_shm' is not a regular file")) << err;
+        EXPECT_EQ(1, RunTool({command, hostile}, "", &out, &err, 10000)) << command;
+        EXPECT_NE(std::string::npos, err.find("holds no ring a server has set up (size 40000, data area"))
+            << err;
+    }
+    const nlohmann::json ring = InspectJson(hostile)["L"]["ring"];
+    EXPECT_EQ(INT_MAX - 1, ring["waiting"]) << ring;
+    EXPECT_EQ(0, ring["free"]) << ring;
+
+    // A name that flips between a FIFO and a regular file cut short and grown again, under list's feet.
+    const std::string flipping = kt::UniqueName("opflip");
+    const std::string fifoCopy = kt::UniqueName("opflipfifo");
+    const std::string fileCopy = kt::UniqueName("opflipfile");
+    kt::Child flipper([&] {
+        const std::string target = "/dev/shm/" + flipping + "_XL_shm";
+        for (;;) {
+            if (mkfifo(("/dev/shm/" + fifoCopy).c_str(), 0600) != 0) return 1;
+            if (rename(("/dev/shm/" + fifoCopy).c_str(), target.c_str()) != 0) return 2;
+            Plant(fileCopy, Segment(65536, 0, 0, 65536 - 9024, 1));
+            if (rename(("/dev/shm/" + fileCopy).c_str(), target.c_str()) != 0) return 3;
+            for (int i = 0; i < 50; ++i) {
+                if (truncate(target.c_str(), i % 2 == 0 ? 0 : 65536) != 0) break;
+            }
+        }
+    });
+    for (int run = 0; run < 30; ++run) {
+        ASSERT_EQ(0, RunTool({"list", "--json"}, "", &out, &err, 10000)) << "run " << run << ": " << err;
+    }
+    flipper.Kill();
+}
+
+TEST(KelipcOperator, NamesFromOtherUsersPrintSafelyAndTheirCleanLinesPasteBackIntoBash) {
+    const std::string base = kt::UniqueName("opname");
+    const std::vector<std::string> names = {base + "\x1b]0;owned\x07\n", base + "\xff\xfe'q",
+                                            base + " it's\\", "--all"};
+    for (const std::string& name : names) {
+        kt::Track(name);
+        Plant(name + "_XL_shm", "");
+    }
+    // A mapper whose process name holds an escape sequence and a byte that is not UTF-8.
+    const std::string mapped = kt::UniqueName("opmapped");
+    const std::unique_ptr<kt::Child> server = ServerInChild(mapped, "\x1b[2J\xff");
+    ASSERT_NE(nullptr, server);
+
+    std::string out, err;
+    ASSERT_EQ(0, RunTool({"list"}, "", &out, &err)) << err;
+    EXPECT_EQ(std::string::npos, out.find('\x1b')) << out;
+    EXPECT_EQ(std::string::npos, out.find('\xff')) << out;
+    ASSERT_EQ(0, RunTool({"inspect", mapped}, "", &out, &err)) << err;
+    EXPECT_EQ(std::string::npos, out.find('\x1b')) << out;
+    ASSERT_EQ(0, RunTool({"inspect", names[1], "--json"}, "", &out, &err)) << err;
+    EXPECT_EQ("ff", nlohmann::json::parse(out)["nameHex"].get<std::string>().substr(2 * base.size(), 2));
+    EXPECT_TRUE(ListedChannel(mapped)["mappers"][0]["command"].is_string());
+
+    // Every suggested line, read back by bash: the word after '--' is the name, byte for byte.
+    ASSERT_EQ(0, RunTool({"list"}, "", &out, &err)) << err;
+    std::vector<std::string> commands;
+    std::string script;
+    std::istringstream lines(out);
+    for (std::string line; std::getline(lines, line);) {
+        const size_t at = line.find("to remove it: kelipc clean -- ");
+        if (at == std::string::npos) continue;
+        commands.push_back(line.substr(at + 14));
+        script += "printf '%s\\0' " + line.substr(at + 30) + "\n";
+    }
+    std::string decoded;
+    ASSERT_EQ(0, RunBash(script, &decoded));
+    std::string run =
+        "set -e; PATH=" + std::string(KELIPC_BINARY).substr(0, std::string(KELIPC_BINARY).rfind('/')) +
+        ":$PATH\n";
+    size_t start = 0;
+    for (const std::string& command : commands) {
+        const size_t end = decoded.find('\0', start);
+        ASSERT_NE(std::string::npos, end) << decoded;
+        if (std::find(names.begin(), names.end(), decoded.substr(start, end - start)) != names.end())
+            run += command + "\n";
+        start = end + 1;
+    }
+    ASSERT_EQ(0, RunBash(run, &out)) << run;
+    for (const std::string& name : names) EXPECT_FALSE(kt::ShmExists(name + "_XL_shm")) << out;
+}
+
+TEST(KelipcOperator, CleanLeavesSetsAtTheKeyThatAreNotTheChannelsAlone) {
+    // djb2 gives "ab" and "bA" one key, whatever comes before and after them.
+    const std::string prefix = kt::UniqueName("opcoll");
+    const std::string live = prefix + "ab";
+    const std::string colliding = prefix + "bA";
+    const std::string unmarked = kt::UniqueName("opunmarked");
+    kt::Track(live);
+    kt::Track(colliding);
+    ASSERT_EQ(kt::Djb2Key(live + "_XL_ssm"), kt::Djb2Key(colliding + "_XL_ssm"));
+    KelIpcSocket server;
+    ASSERT_EQ(IPC_OK, server.Open(Process, Server, live.c_str(), nullptr));
+    // As an older or foreign server leaves it: nothing proves whose it is.
+    ASSERT_NE(-1, semget(kt::Djb2Key(unmarked + "_XL_ssm"), 1, IPC_CREAT | 0600));
+
+    std::string out, err;
+    EXPECT_EQ(1, RunTool({"clean", "--force", colliding}, "", &out, &err));
+    EXPECT_NE(std::string::npos, out.find("alone: it was made for another name")) << out;
+    EXPECT_TRUE(kt::ChannelObjects(live) == 4);
+    EXPECT_EQ(1, RunTool({"clean", unmarked}, "", &out, &err));
+    EXPECT_NE(std::string::npos, out.find("alone: no server of this library marked it")) << out;
+    EXPECT_TRUE(kt::SemExists(unmarked + "_XL_ssm"));
+    // The colliding name's own inspect tells the set it finds is not its own.
+    EXPECT_EQ(false, InspectJson(colliding)["L"]["semaphore"]["named"]);
 }

@@ -23,7 +23,7 @@ std::string ReadAll(int fd) {
 
 }  // namespace
 
-ToolProcess::ToolProcess(const std::vector<std::string>& args) {
+ToolProcess::ToolProcess(const std::vector<std::string>& args, const std::string& program) {
     int in[2];
     m_outFd = memfd_create("kelipc-out", MFD_CLOEXEC);
     m_errFd = memfd_create("kelipc-err", MFD_CLOEXEC);
@@ -35,11 +35,11 @@ ToolProcess::ToolProcess(const std::vector<std::string>& args) {
         dup2(m_outFd, 1);
         dup2(m_errFd, 2);
         std::vector<std::string> copy(args);
-        std::string program = KELIPC_BINARY;
-        std::vector<char*> argv{&program[0]};
+        std::string path = program;
+        std::vector<char*> argv{&path[0]};
         for (std::string& arg : copy) argv.push_back(&arg[0]);
         argv.push_back(nullptr);
-        execv(program.c_str(), argv.data());
+        execv(path.c_str(), argv.data());
         _exit(127);
     }
     close(in[0]);

@@ -10,8 +10,9 @@
 // program as a user would. Nothing it prints can stall it, so the test only has to feed it.
 class ToolProcess {
 public:
-    explicit ToolProcess(const std::vector<std::string>& args);  // the arguments after the program name
-    ~ToolProcess();                                              // kills and reaps a process still running
+    // The arguments after the program name; another program than kelipc (a shell) by its path.
+    explicit ToolProcess(const std::vector<std::string>& args, const std::string& program = KELIPC_BINARY);
+    ~ToolProcess();  // kills and reaps a process still running
     ToolProcess(const ToolProcess&) = delete;
     ToolProcess& operator=(const ToolProcess&) = delete;
 

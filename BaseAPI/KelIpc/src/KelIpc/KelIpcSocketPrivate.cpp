@@ -12,7 +12,7 @@ const char kSocketLogPath[] = "BaseAPI/KelIpc/src/KelIpc/KelIpc";
 
 int KelIpcSocketPrivate::SetOption(KelIpcOptionName name, void* value) {
     if (Opened()) return IPC_ERR_OPENED;
-    if (static_cast<uint32_t>(name) > static_cast<uint32_t>(CloseLinger)) return IPC_ERR_PARAM;
+    if (static_cast<uint32_t>(name) > static_cast<uint32_t>(TrustedUid)) return IPC_ERR_PARAM;
     switch (name) {
         case LBufferSize:
         case RBufferSize: {
@@ -45,6 +45,13 @@ int KelIpcSocketPrivate::SetOption(KelIpcOptionName name, void* value) {
                                     : m_lingerMs) = ms;
             break;
         }
+        case TrustedUid: {
+            if (value == nullptr) return IPC_ERR_NULL;
+            const int uid = *static_cast<const int*>(value);
+            if (uid < -1) return IPC_ERR_PARAM;
+            m_trustedUid = uid;
+            break;
+        }
         default:
             return IPC_ERR_PARAM;
     }
@@ -62,11 +69,13 @@ int KelIpcSocketPrivate::OpenIpc(KelSide side, const char* name, const KelSecuri
     KelRingWatch lWatch = m_watch;
     KelRingWatch rWatch = m_watch;
     HookPoll(Process, base, security != nullptr ? static_cast<mode_t>(security->mode) : 0660, lWatch, rWatch);
-    int rc = m_ipcL->Open(side, (base + "_XL").c_str(), BlockFor(m_lSize),
-                          static_cast<KelSystemSemaphore*>(m_lSemaphore), security, m_lMode, lWatch);
+    int rc =
+        m_ipcL->Open(side, (base + "_XL").c_str(), BlockFor(m_lSize),
+                     static_cast<KelSystemSemaphore*>(m_lSemaphore), security, m_lMode, lWatch, m_trustedUid);
     if (rc == IPC_OK) {
         rc = m_ipcR->Open(side, (base + "_XR").c_str(), BlockFor(m_rSize),
-                          static_cast<KelSystemSemaphore*>(m_rSemaphore), security, m_rMode, rWatch);
+                          static_cast<KelSystemSemaphore*>(m_rSemaphore), security, m_rMode, rWatch,
+                          m_trustedUid);
     }
     if (rc != IPC_OK) {
         CleanResource(false);
@@ -102,7 +111,7 @@ int KelIpcSocketPrivate::OpenLocal(KelSide side, const char* name) {
 // The server reads L and writes R, the client the reverse.
 void KelIpcSocketPrivate::HookPoll(KelIpcType type, const std::string& name, mode_t mode,
                                    KelRingWatch& lWatch, KelRingWatch& rWatch) {
-    m_poll.Bind(type, m_side, name, mode);
+    m_poll.Bind(type, m_side, name, mode, KelTrust(m_trustedUid));
     const bool server = m_side == Server;
     m_poll.Hook(lWatch, server ? KelPollDescriptor::kRead : KelPollDescriptor::kWrite);
     m_poll.Hook(rWatch, server ? KelPollDescriptor::kWrite : KelPollDescriptor::kRead);

@@ -70,6 +70,7 @@ public:
     int32_t m_rSize = 0;
     int BlockFor(int32_t size) const { return size != 0 || m_side == Client ? size : kDefaultBlock; }
     int m_lingerMs = 0;               // CloseLinger
+    int m_trustedUid = -1;            // TrustedUid: the one user whose objects are accepted besides ours
     std::atomic<bool> m_shut{false};  // this end has shut its writing down
     void* m_lSemaphore = nullptr;
     void* m_rSemaphore = nullptr;

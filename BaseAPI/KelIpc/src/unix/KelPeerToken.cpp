@@ -36,10 +36,12 @@ flock LockOf(KelSide side, short type) {
     return lock;
 }
 
-// Whether another open file description holds side's byte: 1, 0, or -1 when the test fails (for instance
-// on a descriptor being closed), which tells nothing about the holder.
+// Whether another open file description holds a write lock on side's byte: 1, 0, or -1 when the test
+// fails (for instance on a descriptor being closed), which tells nothing about the holder. Asked as a read
+// lock, which only a write lock conflicts with: a read lock, which anyone who may read the segment can
+// take, is no token.
 int LockHeld(int fd, KelSide side) {
-    flock lock = LockOf(side, F_WRLCK);
+    flock lock = LockOf(side, F_RDLCK);
     if (fcntl(fd, F_OFD_GETLK, &lock) == -1) {
         const int err = errno;
         KEL_IPC_LOG(kSource, "LockHeld", "fcntl F_OFD_GETLK fail, errno=%d", err);
@@ -59,6 +61,13 @@ int KelPeerToken::Lock(int fd, KelSide side) {
     KEL_IPC_LOG(kSource, "Lock", "fcntl F_OFD_SETLK fail, errno=%d", err);
     errno = err;
     return IPC_ERR_FAILED;
+}
+
+int KelPeerToken::Seize(int fd, KelSide side) {
+    const int rc = Lock(fd, side);
+    if (rc != IPC_ERR_OPENED) return rc;
+    const int held = LockHeld(fd, side);
+    return held == 0 ? IPC_OK : held > 0 ? IPC_ERR_OPENED : IPC_ERR_FAILED;
 }
 
 int KelPeerToken::Hold(int fd, KelSide side, KelCBHead* head) {

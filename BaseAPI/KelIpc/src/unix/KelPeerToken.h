@@ -32,6 +32,9 @@ public:
     // Locks side's byte through fd: IPC_OK (also when fd's description holds it already),
     // IPC_ERR_OPENED when another description holds it, IPC_ERR_FAILED (logged).
     static int Lock(int fd, KelSide side);
+    // As Lock, for a server taking over a segment it found: only read locks in the way (no token) let it
+    // go on, without the lock; IPC_ERR_OPENED only for another description's write lock.
+    static int Seize(int fd, KelSide side);
     // Takes this side's token through fd and announces it in head. On failure nothing is announced (a
     // lock taken stays with fd until it closes): IPC_ERR_OPENED when a live end of the side holds it,
     // IPC_ERR_NOT_OPENED when the announcement of an end that died is still up (the server gives a dead

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "KelDescriptor.h"
 #include "KelIpcDefine.h"
 #include "KelIpcLog.h"
 
@@ -14,9 +15,9 @@ namespace {
 constexpr const char* kSource = "BaseAPI/KelIpc/src/unix/KelPollFifo";
 constexpr int kFlags = O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW;
 
-// Names under /dev/shm are anyone's to take: only a FIFO of this end's user or root is the channel's.
-bool Trusted(const struct stat& st) {
-    return S_ISFIFO(st.st_mode) && (st.st_uid == geteuid() || st.st_uid == 0);
+// Names under /dev/shm are anyone's to take: only a FIFO of a user this end trusts is the channel's.
+bool Trusted(const struct stat& st, const KelTrust& trust) {
+    return S_ISFIFO(st.st_mode) && trust.Trusts(st.st_uid);
 }
 
 bool SameFile(int fd, const std::string& path) {
@@ -28,12 +29,12 @@ bool SameFile(int fd, const std::string& path) {
 
 }  // namespace
 
-int KelPollFifo::Create(const std::string& path, mode_t mode) {
+int KelPollFifo::Create(const std::string& path, mode_t mode, const KelTrust& trust) {
     if (m_fd >= 0) return IPC_ERR_OPENED;
     int rc = mkfifo(path.c_str(), 0600);
     if (rc != 0 && errno == EEXIST) {
         struct stat st {};
-        if (lstat(path.c_str(), &st) != 0 || !Trusted(st)) return IPC_ERR_ACCESS;
+        if (lstat(path.c_str(), &st) != 0 || !Trusted(st, trust)) return IPC_ERR_ACCESS;
         // Only one live end of a side holds a channel, so a FIFO of its side is a dead end's.
         if (unlink(path.c_str()) != 0 && errno != ENOENT) {
             KEL_IPC_LOG(kSource, "Create", "unlink fail, errno=%d", errno);
@@ -46,7 +47,7 @@ int KelPollFifo::Create(const std::string& path, mode_t mode) {
         KEL_IPC_LOG(kSource, "Create", "mkfifo fail, rc=%d, errno=%d", rc, err);
         return err == EEXIST ? IPC_ERR_ACCESS : IPC_ERR_FAILED;
     }
-    m_fd = open(path.c_str(), kFlags);
+    m_fd = KelDescriptor::AboveStdio(open(path.c_str(), kFlags), kSource, "Create");
     if (m_fd < 0) {
         KEL_IPC_LOG(kSource, "Create", "open fail, rc=%d, errno=%d", m_fd, errno);
         return IPC_ERR_FAILED;
@@ -77,14 +78,14 @@ void KelPollFifo::Close() {
     m_path.clear();
 }
 
-int KelPollFifo::OpenPeer(const std::string& path) {
-    const int fd = open(path.c_str(), kFlags);
+int KelPollFifo::OpenPeer(const std::string& path, const KelTrust& trust) {
+    const int fd = KelDescriptor::AboveStdio(open(path.c_str(), kFlags), kSource, "OpenPeer");
     if (fd < 0) {
         KEL_IPC_LOG(kSource, "OpenPeer", "open fail, rc=%d, errno=%d", fd, errno);
         return -1;
     }
     struct stat st {};
-    if (fstat(fd, &st) != 0 || !Trusted(st)) {
+    if (fstat(fd, &st) != 0 || !Trusted(st, trust)) {
         KEL_IPC_LOG(kSource, "OpenPeer", "fstat fail, errno=%d, mode=%o, uid=%d", errno,
                     static_cast<unsigned>(st.st_mode), static_cast<int>(st.st_uid));
         close(fd);

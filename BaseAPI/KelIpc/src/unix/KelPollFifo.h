@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "KelTrust.h"
+
 // A FIFO under /dev/shm through which the other end of a Process channel rings this end's descriptor
 // (KelIpcSocket::PollFd). The end that polls creates it and removes it at Close; the other end opens it
 // by name whenever it must ring. Each ring is one byte: a full FIFO is readable already.
@@ -15,10 +17,10 @@ public:
     KelPollFifo(const KelPollFifo&) = delete;
     KelPollFifo& operator=(const KelPollFifo&) = delete;
 
-    // Creates path with exactly mode and opens it for reading and writing, so that it never reports a
-    // hang-up. A FIFO of a trusted user left under the name (by an end of this side that died) is
-    // replaced. IPC_ERR_ACCESS when anything else holds the name; IPC_ERR_FAILED (logged).
-    int Create(const std::string& path, mode_t mode);
+    // Creates path with exactly mode (masked to 0777) and opens it for reading and writing, so that it
+    // never reports a hang-up. A FIFO of a trusted user left under the name (by an end of this side that
+    // died) is replaced. IPC_ERR_ACCESS when anything else holds the name; IPC_ERR_FAILED (logged).
+    int Create(const std::string& path, mode_t mode, const KelTrust& trust);
     int Fd() const { return m_fd; }
     // Closes, and removes the name while it still refers to this FIFO, in the process that made it only (a
     // child forked without exec leaves its parent's FIFO alone).
@@ -26,7 +28,7 @@ public:
 
     // The ringing end: opens path for reading and writing (never blocks, never raises SIGPIPE), -1 when
     // it is missing or not a FIFO of a trusted user (logged).
-    static int OpenPeer(const std::string& path);
+    static int OpenPeer(const std::string& path, const KelTrust& trust);
     // Empties a descriptor's FIFO; true when anything was there.
     static bool Drain(int fd);
     static void Ring(int fd);

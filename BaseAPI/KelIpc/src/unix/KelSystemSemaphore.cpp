@@ -11,6 +11,7 @@
 #include "KelDateTime.h"
 #include "KelIpcLog.h"
 #include "KelSystemSemaphoreChannel.h"
+#include "KelTrust.h"
 
 namespace {
 
@@ -27,6 +28,11 @@ union SemArg {
     struct semid_ds* buf;
     unsigned short* array;
 };
+
+// Permission bits only: anything above them (01000 is IPC_CREAT) would change what semget does.
+int ModeOf(const KelSecurity* security) {
+    return (security != nullptr ? security->mode : kDefaultMode) & 0777;
+}
 
 // djb2 over the name's bytes taken as signed chars, so that every process (and every build of the peer)
 // derives the same key from a name with bytes above 0x7F.
@@ -54,6 +60,7 @@ struct SetFacts {
     bool marked = false;  // marker set: a server of ours made it whole (an older one, if not our size)
     bool named = false;   // ours, carrying this name's check
     int servers = 0;      // live servers counted in it, when marked
+    ipc_perm perm{};      // owner, creator and mode
 };
 
 // False when the set cannot be read (errno tells why).
@@ -62,6 +69,7 @@ bool Examine(int semId, const unsigned short (&check)[kCheckCount], SetFacts& fa
     SemArg arg;
     arg.buf = &ds;
     if (semctl(semId, 0, IPC_STAT, arg) == -1) return false;
+    facts.perm = ds.sem_perm;
     const size_t size = ds.sem_nsems;
     if (size <= static_cast<size_t>(KelSystemSemaphore::kServerCount)) return true;
     std::vector<unsigned short> values(size);
@@ -112,10 +120,11 @@ bool MarkServer(int semId) {
 
 class KelSystemSemaphorePrivate {
 public:
-    // verify: a channel's open, which refuses a set made for another name and a name of key 0.
-    int Open(const char* name, KelSide side, const KelSecurity* security, bool verify);
-    int SemServerOpen(const char* name, const KelSecurity* security, bool verify);
-    int SemClientOpen(const char* name, const KelSecurity* security);
+    // trust: a channel's open, which refuses a set made for another name or by an untrusted user, and a
+    // name of key 0.
+    int Open(const char* name, KelSide side, const KelSecurity* security, const KelTrust* trust);
+    int SemServerOpen(const char* name, const KelSecurity* security, const KelTrust* trust);
+    int SemClientOpen(const char* name, const KelSecurity* security, const KelTrust* trust);
     int Create(int semId, const unsigned short (&check)[kCheckCount]);
     int PriClose();
     int SetSignal(const char* function, int value);
@@ -126,7 +135,8 @@ public:
 };
 
 int KelSystemSemaphorePrivate::Open(const char* name, KelSide side, const KelSecurity* security,
-                                    bool verify) {
+                                    const KelTrust* trust) {
+    const bool verify = trust != nullptr;
     if (name == nullptr) return IPC_ERR_NULL;
     if (m_semId != -1) return IPC_ERR_OPENED;
     // Key 0 is IPC_PRIVATE: every semget makes a new set there, so the two ends would never meet.
@@ -134,30 +144,37 @@ int KelSystemSemaphorePrivate::Open(const char* name, KelSide side, const KelSec
     m_side = side;
     switch (side) {
         case Server:
-            return SemServerOpen(name, security, verify);
+            return SemServerOpen(name, security, trust);
         case Client:
-            return SemClientOpen(name, security);
+            return SemClientOpen(name, security, trust);
         default:
             return IPC_ERR_PARAM;
     }
 }
 
-int KelSystemSemaphorePrivate::SemServerOpen(const char* name, const KelSecurity* security, bool verify) {
+int KelSystemSemaphorePrivate::SemServerOpen(const char* name, const KelSecurity* security,
+                                             const KelTrust* trust) {
+    const bool verify = trust != nullptr;
     const key_t key = KeyFromName(name);
-    const int mode = security != nullptr ? security->mode : kDefaultMode;
+    const int mode = ModeOf(security);
     unsigned short check[kCheckCount];
     NameCheck(name, check);
     for (int round = 0; round < kOpenRounds; ++round) {
         // Exclusive, so that whoever makes a set writes its name check before anyone takes it as marked.
         int id = semget(key, KelSystemSemaphore::kServerSetSize, mode | IPC_CREAT | IPC_EXCL);
         if (id != -1) return Create(id, check);
-        if (errno == EEXIST) id = semget(key, 0, mode);
+        // Found without asking for access: whether it may be used is for its owner and creator to tell.
+        if (errno == EEXIST) id = semget(key, 0, 0);
         SetFacts facts;
         if (id == -1 || !Examine(id, check, facts)) {
-            if (errno == ENOENT || errno == EIDRM || errno == EINVAL) continue;  // removed meanwhile
-            KEL_IPC_LOG(kSource, "SemServerOpen", "semget fail, rc=%d, errno=%d", -1, errno);
-            return IPC_ERR_FAILED;
+            const int err = errno;
+            if (err == ENOENT || err == EIDRM || err == EINVAL) continue;  // removed meanwhile
+            KEL_IPC_LOG(kSource, "SemServerOpen", "semget fail, rc=%d, errno=%d", -1, err);
+            // One this user may not even read is someone else's.
+            return verify && err == EACCES ? IPC_ERR_ACCESS : IPC_ERR_FAILED;
         }
+        // Someone else's set is neither used nor removed: the name is taken.
+        if (verify && !trust->TrustsSet(facts.perm.uid, facts.perm.cuid)) return IPC_ERR_ACCESS;
         if (facts.ours && !facts.marked && round + 1 < kOpenRounds) {
             KelSleep(1);
             continue;
@@ -169,6 +186,18 @@ int KelSystemSemaphorePrivate::SemServerOpen(const char* name, const KelSecurity
         }
         // Another name's set in use; sharing it would cross the two channels' wake-ups.
         if (facts.ours && !facts.named && verify) return IPC_ERR_ACCESS;
+        // A reused set takes the mode asked for, as a new one would.
+        if (static_cast<int>(facts.perm.mode & 0777) != mode) {
+            facts.perm.mode = static_cast<unsigned short>(mode);
+            struct semid_ds ds {};
+            ds.sem_perm = facts.perm;
+            SemArg arg;
+            arg.buf = &ds;
+            if (semctl(id, 0, IPC_SET, arg) == -1) {
+                KEL_IPC_LOG(kSource, "SemServerOpen", "semctl IPC_SET fail, rc=%d, errno=%d", -1, errno);
+                return IPC_ERR_FAILED;
+            }
+        }
         m_semId = id;
         // A smaller set (made by an older or foreign server) is used as it is, without the marks.
         if (facts.ours && !MarkServer(id)) {
@@ -206,15 +235,29 @@ int KelSystemSemaphorePrivate::Create(int semId, const unsigned short (&check)[k
     return IPC_OK;
 }
 
-int KelSystemSemaphorePrivate::SemClientOpen(const char* name, const KelSecurity* security) {
+int KelSystemSemaphorePrivate::SemClientOpen(const char* name, const KelSecurity* security,
+                                             const KelTrust* trust) {
     const key_t key = KeyFromName(name);
     // Attach only: ENOENT while no server has created the set.
-    const int flags = security != nullptr ? security->mode : kDefaultMode;
-    m_semId = semget(key, 1, flags);
-    if (m_semId == -1) {
-        KEL_IPC_LOG(kSource, "SemClientOpen", "semget fail, rc=%d, errno=%d", m_semId, errno);
+    const int id = semget(key, 1, ModeOf(security));
+    if (id == -1) {
+        KEL_IPC_LOG(kSource, "SemClientOpen", "semget fail, rc=%d, errno=%d", id, errno);
         return IPC_ERR_FAILED;
     }
+    if (trust != nullptr) {
+        unsigned short check[kCheckCount];
+        NameCheck(name, check);
+        SetFacts facts;
+        if (!Examine(id, check, facts)) {
+            KEL_IPC_LOG(kSource, "SemClientOpen", "semctl IPC_STAT fail, rc=%d, errno=%d", -1, errno);
+            return IPC_ERR_FAILED;
+        }
+        if (!trust->TrustsSet(facts.perm.uid, facts.perm.cuid) ||
+            (facts.marked && facts.ours && !facts.named)) {
+            return IPC_ERR_ACCESS;
+        }
+    }
+    m_semId = id;
     return IPC_OK;
 }
 
@@ -253,12 +296,13 @@ KelSystemSemaphore::~KelSystemSemaphore() {
 }
 
 int KelSystemSemaphore::Open(const char* name, KelSide side, const KelSecurity* security) {
-    return m_private->Open(name, side, security, false);
+    return m_private->Open(name, side, security, nullptr);
 }
 
 int KelSystemSemaphoreOpenChannel(KelSystemSemaphore& semaphore, const char* name, KelSide side,
-                                  const KelSecurity* security) {
-    return semaphore.m_private->Open(name, side, security, true);
+                                  const KelSecurity* security, int trustedUid) {
+    const KelTrust trust(trustedUid);
+    return semaphore.m_private->Open(name, side, security, &trust);
 }
 
 void KelSystemSemaphoreAbandon(KelSystemSemaphore& semaphore) {
