@@ -85,7 +85,10 @@ private:
 
 bool KelShareMemoryPrivate::Map(const char* function, const char* name, int shmLength) {
     void* address =
-        mmap(nullptr, static_cast<size_t>(shmLength), PROT_READ | PROT_WRITE, MAP_SHARED, m_fileMap, 0);
+        // Populated: a ring that faulted its pages in lap by lap would add a fault's microseconds to one
+        // transfer in every 64 of a small-message stream until its first lap is done.
+        mmap(nullptr, static_cast<size_t>(shmLength), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE,
+             m_fileMap, 0);
     if (address == MAP_FAILED) {
         KEL_IPC_LOG(kSource, function, "mmap fail, errno=%d", errno);
         m_data = nullptr;
