@@ -116,7 +116,6 @@ private:
     // The library's channels.
     friend void KelCycleBufferWatch(KelCycleBuffer& ring, const KelRingWatch& watch);
     friend void KelCycleBufferDetach(KelCycleBuffer& ring);
-    friend bool KelCycleBufferBusy(KelCycleBuffer& ring);
     friend int KelCycleBufferShutdown(KelCycleBuffer& ring, bool shut);
     friend int KelCycleBufferReadSome(KelCycleBuffer& ring, char* buffer, int count);
     friend int KelCycleBufferDrain(KelCycleBuffer& ring, int timeoutMs);

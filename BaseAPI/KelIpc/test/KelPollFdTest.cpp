@@ -406,20 +406,9 @@ bool RingStep(const ArmModel& m, ArmState& s) {
 }
 
 bool FindsLostRing(const ArmModel& m) {
-    std::set<ArmState> seen;
-    std::vector<ArmState> open{ArmState{}};
-    while (!open.empty()) {
-        const ArmState s = open.back();
-        open.pop_back();
-        if (!seen.insert(s).second) continue;
-        ArmState e = s, w = s;
-        const bool endMoved = EndStep(m, e);
-        const bool writerMoved = RingStep(m, w);
-        if (!endMoved && !writerMoved && s.epc != 6) return true;
-        if (endMoved) open.push_back(e);
-        if (writerMoved) open.push_back(w);
-    }
-    return false;
+    return kt::FindsStuckInterleaving<ArmState>([&](ArmState& s) { return EndStep(m, s); },
+                                                [&](ArmState& s) { return RingStep(m, s); },
+                                                [](const ArmState& s) { return s.epc == 6; });
 }
 
 }  // namespace

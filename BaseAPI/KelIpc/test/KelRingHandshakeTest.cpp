@@ -13,7 +13,6 @@
 #include <memory>
 #include <new>
 #include <random>
-#include <set>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -356,20 +355,9 @@ bool WriterStep(const Model& m, State& s) {
 
 // True when some interleaving ends with the reader not done although every piece it needs was written.
 bool FindsLostWakeUp(const Model& m) {
-    std::set<State> seen;
-    std::vector<State> open{State{}};
-    while (!open.empty()) {
-        const State s = open.back();
-        open.pop_back();
-        if (!seen.insert(s).second) continue;
-        State r = s, w = s;
-        const bool readerMoved = ReaderStep(m, r);
-        const bool writerMoved = WriterStep(m, w);
-        if (!readerMoved && !writerMoved && s.rpc != 6) return true;
-        if (readerMoved) open.push_back(r);
-        if (writerMoved) open.push_back(w);
-    }
-    return false;
+    return kt::FindsStuckInterleaving<State>([&](State& s) { return ReaderStep(m, s); },
+                                             [&](State& s) { return WriterStep(m, s); },
+                                             [](const State& s) { return s.rpc == 6; });
 }
 
 }  // namespace

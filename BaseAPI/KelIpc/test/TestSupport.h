@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <future>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -91,6 +92,27 @@ int64_t FirstWrong(const char* bytes, size_t n, uint64_t from);
 // True when all total bytes of the pattern went through in order, in pieces of at most chunk.
 bool BareEnd(KelCBHead* head, int64_t total, bool writes, int chunk, const std::function<bool()>& pause,
              const std::function<void()>& signal);
+
+// True when some interleaving of two sides' steps, from the initial state on, reaches a state in which
+// neither side can move and done(state) is false (a lost wake-up). A step advances its copy of the state
+// and returns true, or returns false when its side cannot move.
+template <typename State, typename StepA, typename StepB, typename Done>
+bool FindsStuckInterleaving(StepA stepA, StepB stepB, Done done) {
+    std::set<State> seen;
+    std::vector<State> open{State{}};
+    while (!open.empty()) {
+        const State s = open.back();
+        open.pop_back();
+        if (!seen.insert(s).second) continue;
+        State a = s, b = s;
+        const bool aMoved = stepA(a);
+        const bool bMoved = stepB(b);
+        if (!aMoved && !bMoved && !done(s)) return true;
+        if (aMoved) open.push_back(a);
+        if (bMoved) open.push_back(b);
+    }
+    return false;
+}
 
 // Holds one thread of this process inside a SIGUSR1 handler, wherever it runs, until Release (or five
 // seconds); the previous handler comes back at destruction.

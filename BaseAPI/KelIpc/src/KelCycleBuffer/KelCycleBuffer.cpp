@@ -342,11 +342,6 @@ void KelCycleBufferDetach(KelCycleBuffer& ring) {
         p.Futex(p.WriterWord(), FUTEX_WAKE, INT_MAX, nullptr, "Stop");
 }
 
-bool KelCycleBufferBusy(KelCycleBuffer& ring) {
-    const KelCycleBufferPrivate& p = *ring.m_private;
-    return p.m_reading.load(std::memory_order_acquire) || p.m_writing.load(std::memory_order_acquire);
-}
-
 int KelCycleBufferAttachFresh(KelCycleBuffer& ring, char* block, int length, KelSide side, KelMode mode,
                               KelSystemSemaphore* sem) {
     ring.m_private->m_systemSem = sem;

@@ -23,8 +23,6 @@ void KelCycleBufferWatch(KelCycleBuffer& ring, const KelRingWatch& watch);
 // A closing channel's ring: every call of this object leaves at its next test, whatever the run flag says,
 // and calls asleep in it are woken. Until the next attach.
 void KelCycleBufferDetach(KelCycleBuffer& ring);
-// Whether a transfer of this object is inside the ring.
-bool KelCycleBufferBusy(KelCycleBuffer& ring);
 // Writer side: marks the end of this end's stream after every byte it has published, and wakes the reader;
 // shut false withdraws the mark (a stream that lost bytes did not end cleanly).
 int KelCycleBufferShutdown(KelCycleBuffer& ring, bool shut = true);
