@@ -374,12 +374,15 @@ TEST(KelIpcSocketLifecycle, ANewSocketRefusesEverythingAndOnlyValidOptionsSetWhi
     EXPECT_EQ(IPC_ERR_PARAM, server.SetOption(static_cast<KelIpcOptionName>(TrustedUid + 1), &zero));
     EXPECT_EQ(IPC_ERR_PARAM,
               server.SetOption(static_cast<KelIpcOptionName>(-1), &zero));  // compared unsigned
-    for (KelIpcOptionName number : {LBufferSize, RBufferSize, ReadTimeout, WriteTimeout, CloseLinger}) {
+    for (KelIpcOptionName number :
+         {LBufferSize, RBufferSize, ReadTimeout, WriteTimeout, CloseLinger, TrustedUid}) {
         EXPECT_EQ(IPC_ERR_NULL, server.SetOption(number, nullptr));
         EXPECT_EQ(IPC_ERR_PARAM, server.SetOption(number, &negative));
         // A size of 0 is refused; a timeout of 0 waits without limit, a linger of 0 closes at once.
         EXPECT_EQ(number <= RBufferSize ? IPC_ERR_PARAM : IPC_OK, server.SetOption(number, &zero));
     }
+    int nobody = -1;  // the trusted user's default: none
+    EXPECT_EQ(IPC_OK, server.SetOption(TrustedUid, &nobody));
     EXPECT_TRUE(log.Records().empty());
     EXPECT_EQ(0, kt::ChannelObjects(name));
     int r = 65536;

@@ -77,14 +77,6 @@ bool ReadLock(int fd) {
 
 }  // namespace
 
-TEST(KelSecurityOption, TrustedUidTakesAnIdOrMinusOne) {
-    KelIpcSocket socket;
-    int uid = -2;
-    EXPECT_EQ(IPC_ERR_NULL, socket.SetOption(TrustedUid, nullptr));
-    EXPECT_EQ(IPC_ERR_PARAM, socket.SetOption(TrustedUid, &uid));
-    for (uid = -1; uid <= 0; ++uid) EXPECT_EQ(IPC_OK, socket.SetOption(TrustedUid, &uid));
-}
-
 // Sets made under the victim's keys before its server: adopted, the attacker would hold every wake-up.
 // Handing them over (IPC_SET) leaves their creator in control, so the creator counts too.
 TEST(KelSecurityUsers, SetsSquattedByAnotherUserAreRefusedAndStayTheirs) {
